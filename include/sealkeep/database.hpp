@@ -1,0 +1,106 @@
+// PackageSignatures::Database: the device's SQLite trust database (schema
+// version 4): installed packages, the certificates that signed them, and
+// revoked key ids, kept in step with the developer-mode switch.
+//
+// A Database owns its connection, its prepared statements and its certificate
+// cache for its lifetime. Nothing here throws for bad data or failed I/O:
+// failures are returned as false/empty values and reported on std::cerr.
+// One object is used by one thread at a time; processes sharing the file rely
+// on SQLite's locking. Every std::string_view argument must be NUL-terminated.
+#ifndef SEALKEEP_DATABASE_HPP
+#define SEALKEEP_DATABASE_HPP
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sqlite3.h>
+
+#include <sealkeep/export.hpp>
+
+namespace PackageSignatures {
+
+// A scoped SQLite transaction: rolled back on destruction unless committed.
+// Results of BEGIN, COMMIT and ROLLBACK are deliberately ignored, so a
+// Transaction opened inside another one simply joins it.
+class Transaction {
+public:
+    explicit Transaction(sqlite3* db) : db_(db), committed_(false)
+    {
+        sqlite3_exec(db_, "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
+    }
+    ~Transaction()
+    {
+        if (!committed_)
+            sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    Transaction(Transaction const&) = delete;
+    Transaction& operator=(Transaction const&) = delete;
+
+    void commit()
+    {
+        sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+        committed_ = true;
+    }
+
+private:
+    sqlite3* db_;
+    bool committed_;
+};
+
+class SEALKEEP_EXPORT Database {
+public:
+    enum RevocationType { Superseded = 0, Blacklisted = 1 };
+    enum RevokedKeyidsOperation { Insert = 0, Remove = 1 };
+    enum DeveloperModeConfigType { Initial = 0, Runtime = 1 };
+    // getKeyidRevocationStatus of a key id that is not revoked.
+    static constexpr int NotRevoked = -1;
+
+    // Opens or creates the database at dbPath and brings it to version 4,
+    // with the configuration file of the default Configuration.
+    explicit Database(std::string_view dbPath);
+    Database(std::string_view dbPath, std::string_view confPath);
+    ~Database();
+    Database(Database const&) = delete;
+    Database& operator=(Database const&) = delete;
+
+    // databasePath() of the default configuration.
+    static std::string defaultPath();
+
+    // Schema and migrations.
+    bool createTables();
+    int queryVersion();
+    bool setVersion(int version);
+    void initializeDatabase();
+    bool migrate(int from, int to);
+    bool migrateV0toV1();
+    bool migrateV1toV2();
+    bool migrateV2toV3();
+    bool migrateV3toV4();
+
+    // Developer mode: the runtime file overrides the initial one.
+    bool readDeveloperModeConfig(DeveloperModeConfigType type, bool& enabled) const;
+    bool isDeveloperModeEnabled() const;
+
+    // Key revocation. A blacklisting is never lowered by an insert.
+    bool insertRevokedKeyid(std::string_view keyid, RevocationType type);
+    bool removeRevokedKeyid(std::string_view keyid, RevocationType type);
+    // NotRevoked, Superseded or Blacklisted.
+    int getKeyidRevocationStatus(std::string_view keyid);
+    std::vector<std::string> revokedKeyids();
+    bool processKeyidsFromFile(std::string_view path, std::string_view group,
+                               RevokedKeyidsOperation op);
+    bool processPublicKeys(RevokedKeyidsOperation op);
+    bool trustPublicKeys();
+    bool revokePublicKeys();
+    bool updateRevokedKeyids();
+
+private:
+    struct Record;
+    std::unique_ptr<Record> record_;
+};
+
+}  // namespace PackageSignatures
+
+#endif

@@ -1,0 +1,88 @@
+// The signed-file container: a package followed by signature blocks, each
+// [8-byte skippable-frame prefix, version 3 only] + DER CMS + 12-byte
+// CmsHeader, all integers little-endian. A version-3 block is a Zstandard/LZ4
+// skippable frame, which decoders of those formats step over.
+//
+// FileWithCmses owns its FILE* and closes it. It caches nothing: every
+// operation scans the file as it is on disk at that moment.
+#ifndef SEALKEEP_FILE_WITH_CMSES_HPP
+#define SEALKEEP_FILE_WITH_CMSES_HPP
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sealkeep/cms.hpp>
+#include <sealkeep/export.hpp>
+
+struct x509_st;
+struct evp_pkey_st;
+struct stack_st_ProofOfRotation;
+
+namespace PackageSignatures {
+
+// The 12 bytes that end every signature block.
+struct SEALKEEP_EXPORT CmsHeader {
+    static constexpr std::uint32_t legacyTrailerMagic = 0xF09F8E83u;
+    static constexpr std::uint32_t trailerMagic = 0xF09F91BBu;
+    static constexpr std::uint32_t skippableFrameMagic = 0x184D2A50u;
+
+    std::uint32_t version;  // 1 for the legacy form, else as stored
+    std::int64_t length;    // length of the CMS in bytes
+
+    CmsHeader();
+    CmsHeader(unsigned int version, long length);
+
+    // The header that ends at data + size; empty when there is none.
+    static std::optional<CmsHeader> read(unsigned char const* data, long size);
+    // Always 12.
+    std::size_t size() const;
+    // Version below 2: the legacy 64-bit form; otherwise the 32-bit form.
+    std::vector<unsigned char> serialize() const;
+};
+
+class SEALKEEP_EXPORT FileWithCmses {
+public:
+    // Takes ownership of file.
+    explicit FileWithCmses(FILE* file);
+    ~FileWithCmses();
+    FileWithCmses(FileWithCmses const&) = delete;
+    FileWithCmses& operator=(FileWithCmses const&) = delete;
+
+    // fopen(path, mode); null when it fails, silently.
+    static std::unique_ptr<FileWithCmses> fromPath(char const* path, char const* mode);
+    // Read-write, falling back to read-only with a warning on std::cerr.
+    static std::unique_ptr<FileWithCmses> fromPath(char const* path);
+    static std::unique_ptr<FileWithCmses> fromPath(std::string const& path);
+
+    int fd();
+    // True when the file begins with the RPM lead magic ED AB EE DB.
+    bool isRpmPackage();
+    // One Cms per block, in file order.
+    std::vector<Cms> cmses() const;
+    // Truncates away the newest block (onlyLast) or every block.
+    bool deleteCmses(bool onlyLast);
+
+    // Appends one signature block signed by certificate/key. The signer's group
+    // decides its position: developer first, then seclab or client, then
+    // client; at most three. With replace, a newest block of the same group
+    // (or, for a developer, every block) is cut away first and the cut is kept
+    // even when signing then fails. skippableFrame writes version 3 instead of
+    // 2. taKey may be null; rotationChain may be null. Nothing is freed or kept.
+    bool sign(x509_st* certificate, evp_pkey_st* key, evp_pkey_st* taKey,
+              unsigned int taAlgorithm, stack_st_ProofOfRotation* rotationChain,
+              bool replace, bool skippableFrame, bool signFiles);
+    // True when the file carries one to three signatures and each verifies
+    // against the CA certificates in caPath and stands at a permitted position.
+    bool verifyCmses(char const* caPath);
+
+private:
+    FILE* file_;
+};
+
+}  // namespace PackageSignatures
+
+#endif

@@ -1,0 +1,22 @@
+// Writing file data in pieces of at most 8192 bytes.
+#include "common/chunked_io.hpp"
+
+#include <algorithm>
+
+#include <unistd.h>
+
+namespace sealkeep {
+
+bool writeInPieces(int fd, const unsigned char* data, std::size_t len)
+{
+    std::size_t done = 0;
+    while (done < len) {
+        ssize_t written = write(fd, data + done, std::min(ioPieceSize, len - done));
+        if (written == -1)
+            return false;
+        done += static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+}  // namespace sealkeep

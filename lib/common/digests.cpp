@@ -1,0 +1,58 @@
+// Digest helpers: a key's default digest and GOST R 34.11-2012 256-bit.
+#include "common/digests.hpp"
+
+#include <algorithm>
+#include <cstdio>
+
+#include <openssl/objects.h>
+
+#include "common/chunked_io.hpp"
+#include "common/objects.hpp"
+#include "common/ossl_ptr.hpp"
+
+namespace sealkeep {
+
+const EVP_MD* defaultDigestOfKey(EVP_PKEY* key)
+{
+    int nid = 0;
+    if (EVP_PKEY_get_default_digest_nid(key, &nid) < 1) {
+        fprintf(stderr, "No default digest found for provided key\n");
+        return nullptr;
+    }
+    const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(nid));
+    if (!md)
+        fprintf(stderr, "Could not find digest by NID\n");
+    return md;
+}
+
+const EVP_MD* gostDigest256()
+{
+    const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(gostR3411_2012_256Nid));
+    if (!md)
+        fprintf(stderr, "Could not get GOST 34.11-2012 256 reference\n");
+    return md;
+}
+
+std::optional<std::vector<unsigned char>> gostDigestOf(const unsigned char* data, std::size_t len)
+{
+    const EVP_MD* md = gostDigest256();
+    if (!md)
+        return std::nullopt;
+    MdCtxPtr ctx(EVP_MD_CTX_new());
+    if (!ctx || EVP_DigestInit_ex(ctx.get(), md, nullptr) != 1)
+        return std::nullopt;
+    for (std::size_t done = 0; done < len;) {
+        std::size_t piece = std::min(ioPieceSize, len - done);
+        if (EVP_DigestUpdate(ctx.get(), data + done, piece) != 1)
+            return std::nullopt;
+        done += piece;
+    }
+    std::vector<unsigned char> digest(static_cast<std::size_t>(EVP_MD_size(md)));
+    unsigned int digestLength = 0;
+    if (EVP_DigestFinal_ex(ctx.get(), digest.data(), &digestLength) != 1)
+        return std::nullopt;
+    digest.resize(digestLength);
+    return digest;
+}
+
+}  // namespace sealkeep

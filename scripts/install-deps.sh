@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, testing and demonstrating
+# sealkeep needs. Safe to run again; needs root (or sudo).
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config git
+  libssl-dev openssl libengine-gost-openssl
+  librpm-dev rpm
+  libsqlite3-dev sqlite3
+  libglib2.0-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  zstd cpio
+)
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -q
+$SUDO apt-get install -y -q --no-install-recommends "${packages[@]}"

@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Sets up a fresh Debian 12 machine and runs the whole test suite twice: built
+# with AddressSanitizer and UndefinedBehaviorSanitizer, then as a plain build.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+
+jobs=$(nproc)
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:${ASAN_OPTIONS:-}"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:${UBSAN_OPTIONS:-}"
+
+for variant in sanitize plain; do
+  build="build-test-$variant"
+  sanitize=OFF
+  [ "$variant" = sanitize ] && sanitize=ON
+  echo "== $variant build"
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSEALKEEP_SANITIZE=$sanitize
+  cmake --build "$build" -j"$jobs"
+  echo "== $variant tests"
+  ctest --test-dir "$build" --output-on-failure -j"$jobs"
+done
