@@ -151,6 +151,20 @@ TEST_F(CmsReaders, NegativeLengthOrNullBufferIsRefused)
               stderrOf([] { EXPECT_EQ(nullptr, cms_from_der(nullptr, 10)); }));
 }
 
+TEST_F(CmsReaders, AttachedSignatureIsReadLikeADetachedOne)
+{
+    CmsPtr cms = decode(attachedCms(content, developer->borrowed()));
+    ASSERT_TRUE(cms);
+    EXPECT_EQ(0, CMS_is_detached(cms.get()));
+    ASN1_OCTET_STRING** embedded = CMS_get0_content(cms.get());
+    ASSERT_TRUE(embedded && *embedded);
+    EXPECT_EQ(content, Bytes(ASN1_STRING_get0_data(*embedded),
+                             ASN1_STRING_get0_data(*embedded) + ASN1_STRING_length(*embedded)));
+    MallocPtr signature(cms_get_signature(cms.get()));
+    EXPECT_TRUE(signature);
+    EXPECT_EQ(0, X509_cmp(developer->cert.get(), cms_get_certificate(cms.get())));
+}
+
 // ---------------------------------------------------------------------------
 // cms_get_certificate
 
@@ -190,11 +204,11 @@ TEST_F(CmsReaders, TwoSignersCertificatesAreRefused)
 
 TEST_F(CmsReaders, CmsWithoutCertificatesHasNoSigner)
 {
-    CmsSpec spec;
-    spec.content = content;
-    spec.signers = {developer->borrowed()};
-    spec.includeSignerCertificates = false;
-    CmsPtr cms = decode(buildCms(spec));
+    CmsRecipe recipe;
+    recipe.content = content;
+    recipe.signers = {developer->borrowed()};
+    recipe.includeSignerCertificates = false;
+    CmsPtr cms = decode(buildCms(recipe));
     EXPECT_EQ("Could not get signers from CMS\n",
               stderrOf([&] { EXPECT_EQ(nullptr, cms_get_certificate(cms.get())); }));
 }

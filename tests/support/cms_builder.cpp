@@ -19,12 +19,12 @@ void require(bool ok, const char* what)
         throw std::runtime_error(std::string("cms builder: ") + what);
 }
 
-unsigned int flagsFor(CmsSpec const& spec)
+unsigned int flagsFor(CmsRecipe const& recipe)
 {
     unsigned int flags = CMS_BINARY | CMS_PARTIAL | CMS_USE_KEYID | CMS_NOSMIMECAP;
-    if (!spec.attached)
+    if (!recipe.attached)
         flags |= CMS_DETACHED;
-    if (!spec.includeSignerCertificates)
+    if (!recipe.includeSignerCertificates)
         flags |= CMS_NOCERTS;
     return flags;
 }
@@ -48,24 +48,24 @@ void addAttribute(CMS_SignerInfo* signer, CmsAttribute const& attribute)
             "cannot add attribute");
 }
 
-void addSigner(CMS_ContentInfo* cms, CmsSpec const& spec, CmsSigner const& signer)
+void addSigner(CMS_ContentInfo* cms, CmsRecipe const& recipe, CmsSigner const& signer)
 {
     CMS_SignerInfo* info =
-        CMS_add1_signer(cms, signer.cert, signer.key, defaultDigest(signer.key), flagsFor(spec));
+        CMS_add1_signer(cms, signer.cert, signer.key, defaultDigest(signer.key), flagsFor(recipe));
     require(info != nullptr, "cannot add signer");
-    for (auto const& attribute : spec.attributes)
+    for (auto const& attribute : recipe.attributes)
         addAttribute(info, attribute);
 }
 
 // Digests the content and signs. OpenSSL refuses to finalise a SignedData
 // without signers, which is then encoded as it stands.
-void finalise(CMS_ContentInfo* cms, CmsSpec const& spec)
+void finalise(CMS_ContentInfo* cms, CmsRecipe const& recipe)
 {
     static const unsigned char nothing = 0;
-    BioPtr content(BIO_new_mem_buf(spec.content.empty() ? &nothing : spec.content.data(),
-                                   static_cast<int>(spec.content.size())));
+    BioPtr content(BIO_new_mem_buf(recipe.content.empty() ? &nothing : recipe.content.data(),
+                                   static_cast<int>(recipe.content.size())));
     require(content != nullptr, "cannot wrap content");
-    require(CMS_final(cms, content.get(), nullptr, flagsFor(spec)) == 1, "cannot finalise");
+    require(CMS_final(cms, content.get(), nullptr, flagsFor(recipe)) == 1, "cannot finalise");
 }
 
 Bytes encode(CMS_ContentInfo* cms)
@@ -85,54 +85,54 @@ LoadedSigner loadSigner(Identity const& identity)
     return {loadCertificate(identity.certPath), loadKey(identity.keyPath)};
 }
 
-Bytes buildCms(CmsSpec const& spec)
+Bytes buildCms(CmsRecipe const& recipe)
 {
     CmsPtr cms(CMS_ContentInfo_new());
     require(cms && CMS_SignedData_init(cms.get()) == 1, "cannot make SignedData");
-    require(CMS_set_detached(cms.get(), spec.attached ? 0 : 1) == 1, "cannot set detached");
-    for (auto const& signer : spec.signers)
-        addSigner(cms.get(), spec, signer);
-    for (X509* cert : spec.extraCertificates)
+    require(CMS_set_detached(cms.get(), recipe.attached ? 0 : 1) == 1, "cannot set detached");
+    for (auto const& signer : recipe.signers)
+        addSigner(cms.get(), recipe, signer);
+    for (X509* cert : recipe.extraCertificates)
         require(CMS_add1_cert(cms.get(), cert) == 1, "cannot add certificate");
-    if (!spec.signers.empty())
-        finalise(cms.get(), spec);
+    if (!recipe.signers.empty())
+        finalise(cms.get(), recipe);
     return encode(cms.get());
 }
 
 Bytes cmsWithSigners(Bytes const& content, std::vector<CmsSigner> const& signers)
 {
-    CmsSpec spec;
-    spec.content = content;
-    spec.signers = signers;
-    return buildCms(spec);
+    CmsRecipe recipe;
+    recipe.content = content;
+    recipe.signers = signers;
+    return buildCms(recipe);
 }
 
 Bytes cmsWithExtraCertificates(Bytes const& content, CmsSigner const& signer,
                                std::vector<X509*> const& extra)
 {
-    CmsSpec spec;
-    spec.content = content;
-    spec.signers = {signer};
-    spec.extraCertificates = extra;
-    return buildCms(spec);
+    CmsRecipe recipe;
+    recipe.content = content;
+    recipe.signers = {signer};
+    recipe.extraCertificates = extra;
+    return buildCms(recipe);
 }
 
 Bytes cmsWithAttribute(Bytes const& content, CmsSigner const& signer, CmsAttribute const& attribute)
 {
-    CmsSpec spec;
-    spec.content = content;
-    spec.signers = {signer};
-    spec.attributes = {attribute};
-    return buildCms(spec);
+    CmsRecipe recipe;
+    recipe.content = content;
+    recipe.signers = {signer};
+    recipe.attributes = {attribute};
+    return buildCms(recipe);
 }
 
 Bytes attachedCms(Bytes const& content, CmsSigner const& signer)
 {
-    CmsSpec spec;
-    spec.content = content;
-    spec.signers = {signer};
-    spec.attached = true;
-    return buildCms(spec);
+    CmsRecipe recipe;
+    recipe.content = content;
+    recipe.signers = {signer};
+    recipe.attached = true;
+    return buildCms(recipe);
 }
 
 Bytes undecodableSequence()

@@ -45,7 +45,7 @@ struct CmsAttribute {
     Bytes value;
 };
 
-struct CmsSpec {
+struct CmsRecipe {
     Bytes content;
     // One SignerInfo each, in order, identified by subject key identifier and
     // signed with the key's default digest. May be empty: the SignedData then
@@ -61,8 +61,8 @@ struct CmsSpec {
     bool attached = false;
 };
 
-// The DER of the SignedData described by spec.
-Bytes buildCms(CmsSpec const& spec);
+// The DER of the SignedData described by recipe.
+Bytes buildCms(CmsRecipe const& recipe);
 
 // A detached signature over content by every one of signers.
 Bytes cmsWithSigners(Bytes const& content, std::vector<CmsSigner> const& signers);
