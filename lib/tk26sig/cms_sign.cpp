@@ -1,0 +1,219 @@
+// cms_sign: one detached CMS SignedData over a byte range, signed with the
+// key's default digest, with this library's private signed attributes, and
+// handed out as DER in a GLib-allocated buffer.
+#include "tk26sig/cms_sign.hpp"
+
+#include <algorithm>
+#include <cstdio>
+
+#include <glib.h>
+#include <openssl/cms.h>
+#include <unistd.h>
+
+#include "common/bio_source.hpp"
+#include "common/digests.hpp"
+#include "common/objects.hpp"
+#include "common/ossl_ptr.hpp"
+
+namespace sealkeep {
+namespace {
+
+// Detached and binary: the range stays outside the CMS and is hashed byte for
+// byte. No S/MIME capabilities, the signer named by subject key identifier,
+// and no signature until CMS_final, so that attributes added after the signer
+// are covered by it.
+constexpr unsigned int signingFlags =
+    CMS_DETACHED | CMS_BINARY | CMS_NOSMIMECAP | CMS_PARTIAL | CMS_USE_KEYID;
+static_assert(signingFlags == 0x142C0, "the flags fix what signatures look like");
+
+// What the per-file signatures of an RPM payload are made from.
+struct PayloadSigning {
+    const unsigned char* data;
+    std::size_t length;
+    bool signFiles;
+    EVP_PKEY* taKey;
+    unsigned int taAlgo;
+};
+
+bool startsWithRpmLead(const unsigned char* data, std::size_t length)
+{
+    static constexpr unsigned char leadMagic[] = {0xED, 0xAB, 0xEE, 0xDB};
+    return length >= sizeof leadMagic && std::equal(leadMagic, leadMagic + sizeof leadMagic, data);
+}
+
+// The range is copied into a temporary file even when it is small: the
+// payload walk needs a file descriptor to read the package through librpm.
+BIO* copyRangeToTempFile(const unsigned char* data, std::size_t length, int* fd)
+{
+    BioPtr bio(openTempFileBio(data, length));
+    if (!bio)
+        return nullptr;
+    FILE* file = nullptr;
+    if (BIO_get_fp(bio.get(), &file) < 1 || !file) {
+        fprintf(stderr, "Could not get fd from BIO created using tempfile\n");
+        return nullptr;
+    }
+    *fd = fileno(file);
+    return *fd == -1 ? nullptr : bio.release();
+}
+
+CMS_ContentInfo* newSignedData()
+{
+    CmsPtr cms(CMS_ContentInfo_new());
+    if (!cms || !CMS_SignedData_init(cms.get())) {
+        fprintf(stderr, "Could create CMS ContentInfo\n");
+        return nullptr;
+    }
+    return cms.release();
+}
+
+CMS_SignerInfo* addSigner(CMS_ContentInfo* cms, X509* cert, EVP_PKEY* key)
+{
+    if (!cert || !key) {
+        fprintf(stderr, "Could not add CMS signer\n");
+        return nullptr;
+    }
+    const EVP_MD* md = defaultDigestOfKey(key);
+    if (!md)
+        return nullptr;
+    CMS_SignerInfo* signer = CMS_add1_signer(cms, cert, key, md, signingFlags);
+    if (!signer)
+        fprintf(stderr, "Could not add CMS signer\n");
+    return signer;
+}
+
+// Stores der, the whole encoding of one structure, as the single SEQUENCE
+// value of a signed attribute.
+bool addSequenceAttribute(CMS_SignerInfo* signer, int nid, const unsigned char* der, int length,
+                          const char* createFailure, const char* addFailure)
+{
+    X509AttrPtr attribute(X509_ATTRIBUTE_create_by_NID(nullptr, nid, V_ASN1_SEQUENCE, der, length));
+    if (!attribute) {
+        fputs(createFailure, stderr);
+        return false;
+    }
+    if (!CMS_signed_add1_attr(signer, attribute.get())) {
+        fputs(addFailure, stderr);
+        return false;
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Payload walk: the single place where the per-file signatures of an RPM
+// package join the CMS. When signFiles is set and the range starts with the
+// RPM lead, the walk over fd is to make the IMA table and the trusted-
+// application table and add both, in that order, with addSequenceAttribute.
+// The walk is not part of the library yet, so a package is signed as plain
+// bytes for now.
+// ---------------------------------------------------------------------------
+bool addPayloadSignatures([[maybe_unused]] CMS_SignerInfo* signer, [[maybe_unused]] int fd,
+                          const PayloadSigning& payload)
+{
+    if (!payload.signFiles || !startsWithRpmLead(payload.data, payload.length))
+        return true;  // plain bytes: nothing to sign per file
+    // The payload walk is to be called here; its failure will fail signing.
+    return true;
+}
+
+char* keyidOf(X509* cert)
+{
+    return cert ? certificate_get_keyid(cert) : nullptr;
+}
+
+bool addRotationChain(CMS_SignerInfo* signer, X509* cert, ProofOfRotationChain* chain)
+{
+    if (!rotationChainEndsAt(chain, cert))
+        return false;
+    unsigned char* der = nullptr;
+    int length = i2d_ProofOfRotationChain(chain, &der);
+    OpensslBytesPtr derOwner(der);
+    if (length <= 0) {
+        fprintf(stderr, "Could not serialize proof-of-rotation chain\n");
+        return false;
+    }
+    return addSequenceAttribute(signer, rotationChainNid, der, length,
+                                "Could create proof-of-rotation chain X.509 attribute\n",
+                                "Could not add CMS proof-of-rotation chain attribute\n");
+}
+
+// Digests the whole range and signs the signed attributes.
+bool finalise(CMS_ContentInfo* cms, BIO* source, int fd)
+{
+    // The payload walk reads through a duplicate of fd, which shares the
+    // file offset, so the range is read again from its start.
+    if (lseek(fd, 0, SEEK_SET) != 0 || !CMS_final(cms, source, nullptr, signingFlags)) {
+        fprintf(stderr, "CMS signing failed\n");
+        return false;
+    }
+    return true;
+}
+
+unsigned char* encodeIntoGlibBuffer(CMS_ContentInfo* cms, std::size_t* outLength)
+{
+    BioPtr out(BIO_new(BIO_s_mem()));
+    if (out && !i2d_CMS_bio(out.get(), cms)) {
+        fprintf(stderr, "CMS i2d serializaion failed\n");
+        out.reset();
+    }
+    char* der = nullptr;
+    long length = out ? BIO_get_mem_data(out.get(), &der) : 0;
+    if (length <= 0) {
+        fprintf(stderr, "Could not encode CMS\n");
+        return nullptr;
+    }
+    GArray* array = g_array_sized_new(FALSE, FALSE, 1, static_cast<guint>(length));
+    g_array_append_vals(array, der, static_cast<guint>(length));
+    gsize stolenLength = 0;
+    auto* result = static_cast<unsigned char*>(g_array_steal(array, &stolenLength));
+    g_array_unref(array);
+    if (outLength)
+        *outLength = stolenLength;
+    return result;
+}
+
+}  // namespace
+
+bool rotationChainEndsAt(ProofOfRotationChain* chain, X509* cert)
+{
+    int count = ProofOfRotationChain_count(chain);
+    if (count < 1) {
+        fprintf(stderr, "Proof-of-rotation chain is malformed, no rotations found\n");
+        return false;
+    }
+    ProofOfRotation* newest = ProofOfRotationChain_get0_at(chain, static_cast<unsigned>(count - 1));
+    MallocPtr newestKeyid(keyidOf(ProofOfRotation_get0_new_cert(newest)));
+    MallocPtr signerKeyid(keyidOf(cert));
+    if (g_strcmp0(newestKeyid.get(), signerKeyid.get()) != 0) {
+        fprintf(stderr, "Last keyid in rotation chain does not match with certificate's keyid\n");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace sealkeep
+
+using namespace sealkeep;
+
+extern "C" unsigned char* cms_sign(const unsigned char* data, size_t length, int signFiles,
+                                   EVP_PKEY* key, EVP_PKEY* taKey, unsigned int taAlgo,
+                                   X509* cert, ProofOfRotationChain* chain, size_t* outLength)
+{
+    int fd = -1;
+    BioPtr source(copyRangeToTempFile(data, length, &fd));
+    if (!source)
+        return nullptr;
+    CmsPtr cms(newSignedData());
+    if (!cms)
+        return nullptr;
+    CMS_SignerInfo* signer = addSigner(cms.get(), cert, key);
+    if (!signer)
+        return nullptr;
+    if (!addPayloadSignatures(signer, fd, {data, length, signFiles != 0, taKey, taAlgo}))
+        return nullptr;
+    if (chain && !addRotationChain(signer, cert, chain))
+        return nullptr;
+    if (!finalise(cms.get(), source.get(), fd))
+        return nullptr;
+    return encodeIntoGlibBuffer(cms.get(), outLength);
+}
