@@ -1,0 +1,112 @@
+#include "support/rpm_builder.hpp"
+
+#include <map>
+#include <stdexcept>
+
+#include <glib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/files.hpp"
+#include "support/process.hpp"
+
+namespace sealkeep::test {
+
+PayloadEntry regularFile(std::string path, std::string content)
+{
+    return {PayloadEntry::Kind::Regular, std::move(path), std::move(content)};
+}
+
+PayloadEntry directory(std::string path)
+{
+    return {PayloadEntry::Kind::Directory, std::move(path), {}};
+}
+
+PayloadEntry symlink(std::string path, std::string target)
+{
+    return {PayloadEntry::Kind::Symlink, std::move(path), std::move(target)};
+}
+
+PayloadEntry hardLink(std::string path, std::string existingPath)
+{
+    return {PayloadEntry::Kind::HardLink, std::move(path), std::move(existingPath)};
+}
+
+namespace {
+
+std::string payloadMacro(std::string const& compressor)
+{
+    static const std::map<std::string, std::string> macros{
+        {"gzip", "w9.gzdio"}, {"zstd", "w19.zstdio"}, {"xz", "w6.xzdio"}, {"bzip2", "w9.bzdio"}};
+    auto found = macros.find(compressor);
+    if (found == macros.end())
+        throw std::invalid_argument("unknown payload compressor " + compressor);
+    return found->second;
+}
+
+void makeParents(std::string const& path)
+{
+    gchar* parent = g_path_get_dirname(path.c_str());
+    g_mkdir_with_parents(parent, 0755);
+    g_free(parent);
+}
+
+// Lays the entries out under stage, as they are to be installed.
+void stageEntries(std::string const& stage, std::vector<PayloadEntry> const& entries)
+{
+    g_mkdir_with_parents(stage.c_str(), 0755);
+    for (auto const& entry : entries) {
+        std::string target = stage + entry.path;
+        makeParents(target);
+        switch (entry.kind) {
+        case PayloadEntry::Kind::Regular:
+            writeText(target, entry.content);
+            break;
+        case PayloadEntry::Kind::Directory:
+            g_mkdir_with_parents(target.c_str(), 0755);
+            break;
+        case PayloadEntry::Kind::Symlink:
+            if (::symlink(entry.content.c_str(), target.c_str()) != 0)
+                throw std::runtime_error("symlink failed for " + target);
+            break;
+        case PayloadEntry::Kind::HardLink:
+            if (::link((stage + entry.content).c_str(), target.c_str()) != 0)
+                throw std::runtime_error("link failed for " + target);
+            break;
+        }
+    }
+}
+
+std::string specText(std::string const& name, std::string const& stage, std::vector<PayloadEntry> const& entries)
+{
+    std::string spec = "Name: " + name +
+                       "\nVersion: 1.0\nRelease: 1\nSummary: test package\nLicense: MIT\nBuildArch: noarch\n"
+                       "%description\ntest package\n"
+                       "%install\nmkdir -p %{buildroot}\ncp -a " +
+                       stage + "/. %{buildroot}/\n%files\n";
+    for (auto const& entry : entries)
+        spec += (entry.kind == PayloadEntry::Kind::Directory ? "%dir " : "") + entry.path + "\n";
+    return spec;
+}
+
+}  // namespace
+
+std::string buildRpm(std::string const& workDir, std::string const& name, std::vector<PayloadEntry> const& entries,
+                     std::string const& compressor)
+{
+    const std::string top = workDir + "/rpmbuild-" + name;
+    const std::string stage = top + "/stage";
+    stageEntries(stage, entries);
+    const std::string specPath = top + "/" + name + ".spec";
+    writeText(specPath, specText(name, stage, entries));
+
+    auto result = runCommand({"rpmbuild", "-bb", "--quiet", "--define", "_topdir " + top, "--define",
+                              "_binary_payload " + payloadMacro(compressor), "--define", "__os_install_post %{nil}",
+                              "--define", "debug_package %{nil}", "--define", "_build_id_links none", specPath});
+    std::string rpm = top + "/RPMS/noarch/" + name + "-1.0-1.noarch.rpm";
+    if (result.exitCode != 0 || !fileExists(rpm))
+        throw std::runtime_error("rpmbuild failed: " + result.errors);
+    return rpm;
+}
+
+}  // namespace sealkeep::test
