@@ -15,6 +15,8 @@ namespace {
 
 using namespace sealkeep::test;
 using namespace PackageSignatures;
+using sealkeep::PkeyPtr;
+using sealkeep::X509Ptr;
 
 // DER of a FileSignatures with version 1 and the given (index, value) entries.
 Bytes fileSignaturesDer(std::vector<std::pair<long, std::string>> const& entries)

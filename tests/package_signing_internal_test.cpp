@@ -15,6 +15,8 @@ namespace {
 
 using namespace sealkeep::test;
 using namespace PackageSignatures;
+using sealkeep::PkeyPtr;
+using sealkeep::X509Ptr;
 
 class PackageSigning : public ::testing::Test {
 protected:

@@ -16,6 +16,8 @@ namespace {
 
 using namespace sealkeep::test;
 using namespace PackageSignatures;
+using sealkeep::PkeyPtr;
+using sealkeep::X509Ptr;
 
 const std::string verificationFailed = "CMS verification failed\n";
 
