@@ -396,7 +396,7 @@ TEST_P(SignedRpm, ARealPackageSignedThreeTimesStillListsAndUnpacks)
 {
     std::string rpm = buildRpm(dir.path(), "demo",
                                {directory("/usr/share/demo"), regularFile("/usr/share/demo/hello.txt", "hello\n"),
-                                regularFile("/usr/share/demo/empty", ""), symlink("/usr/share/demo/link", "hello.txt")},
+                                regularFile("/usr/share/demo/empty", ""), symbolicLink("/usr/share/demo/link", "hello.txt")},
                                GetParam());
     ASSERT_TRUE(FileWithCmses::fromPath(rpm.c_str(), "r")->isRpmPackage());
     ASSERT_TRUE(signFile(rpm, pki->developer(), framed()));
