@@ -52,6 +52,18 @@ bool FileWithCmses::isRpmPackage()
     return readFileRange(file_, 0, 4) == rpmLeadMagic;
 }
 
+// No filtering and no decoding: a block that cannot be read becomes an empty
+// Cms, and one that is not DER fails only when it is parsed.
+std::vector<Cms> FileWithCmses::cmses() const
+{
+    std::vector<Cms> found;
+    auto locations = locateCmses(file_);
+    found.reserve(locations.size());
+    for (auto const& loc : locations)
+        found.emplace_back(readFileRange(file_, static_cast<long>(loc.begin), static_cast<long>(loc.end)));
+    return found;
+}
+
 bool FileWithCmses::deleteCmses(bool onlyLast)
 {
     auto locations = locateCmses(file_);

@@ -48,6 +48,10 @@ public:
     static Certificate fromDer(const unsigned char* data, std::size_t length);
     // The first PEM certificate of path; an empty certificate on failure.
     static Certificate readCertificateFromFile(const char* path);
+    // The signer certificate of every signature appended to the file at path,
+    // in file order (an empty certificate where one cannot be read); empty
+    // when the file cannot be opened.
+    static std::vector<Certificate> allFromFilePath(char const* path);
 
 private:
     struct Record;

@@ -22,7 +22,7 @@ PayloadEntry directory(std::string path)
     return {PayloadEntry::Kind::Directory, std::move(path), {}};
 }
 
-PayloadEntry symlink(std::string path, std::string target)
+PayloadEntry symbolicLink(std::string path, std::string target)
 {
     return {PayloadEntry::Kind::Symlink, std::move(path), std::move(target)};
 }

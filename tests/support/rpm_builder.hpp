@@ -16,7 +16,7 @@ struct PayloadEntry {
 
 PayloadEntry regularFile(std::string path, std::string content);
 PayloadEntry directory(std::string path);
-PayloadEntry symlink(std::string path, std::string target);
+PayloadEntry symbolicLink(std::string path, std::string target);
 PayloadEntry hardLink(std::string path, std::string existingPath);
 
 // Builds a noarch package named name-1.0-1 holding entries, with the payload

@@ -1,0 +1,135 @@
+// FileWithCmses::sign: adds one signature to an open package file. It places
+// the signer in the signature stack (optionally replacing an earlier
+// signature), signs the right range with cms_sign and appends the block.
+//
+// There is no rollback: a replacement cut stays when signing then fails, and
+// an interrupted append leaves a partial block that the scan will not accept.
+#include <map>
+
+#include <unistd.h>
+
+#include <sealkeep/file_with_cmses.hpp>
+#include <sealkeep/sealkeep.h>
+
+#include "common/chunked_io.hpp"
+#include "common/ossl_ptr.hpp"
+#include "signature_stack.hpp"
+#include "signed_file_layout.hpp"
+
+namespace PackageSignatures {
+
+namespace {
+
+using GBytesPtr = std::unique_ptr<unsigned char, sealkeep::Deleter<g_free>>;
+
+Group groupOf(X509* certificate)
+{
+    sealkeep::MallocPtr text(certificate_get_group(certificate));
+    return groupFromString(text.get());
+}
+
+// The groups that may sign next, as GroupFlag bits, given the signatures
+// already present (the first one's group is not examined).
+unsigned allowedNext(std::vector<Cms> const& present)
+{
+    const unsigned developer = static_cast<unsigned>(GroupFlag::Developer);
+    const unsigned seclab = static_cast<unsigned>(GroupFlag::Seclab);
+    const unsigned client = static_cast<unsigned>(GroupFlag::Client);
+    switch (present.size()) {
+    case 0:
+        return developer;
+    case 1:
+        return seclab | client;
+    case 2:
+        return present[1].certificate()->group() == Group::Seclab ? client : 0;
+    default:
+        return 0;
+    }
+}
+
+bool mayTakeNextPosition(Group group, std::vector<Cms> const& present)
+{
+    static const std::map<Group, GroupFlag> flags{
+        {Group::Developer, GroupFlag::Developer},
+        {Group::Seclab, GroupFlag::Seclab},
+        {Group::Client, GroupFlag::Client},
+    };
+    auto flag = flags.find(group);
+    return flag != flags.end() && (allowedNext(present) & static_cast<unsigned>(flag->second)) != 0;
+}
+
+void appendLittleEndian32(std::vector<unsigned char>& out, std::uint32_t value)
+{
+    for (int i = 0; i < 4; ++i)
+        out.push_back(static_cast<unsigned char>(value >> (8 * i)));
+}
+
+// [skippable-frame prefix] + DER + header, as the scan expects to find it.
+std::vector<unsigned char> makeBlock(unsigned char const* der, std::size_t length, bool skippableFrame)
+{
+    CmsHeader header(skippableFrame ? 3 : 2, static_cast<long>(length));
+    std::vector<unsigned char> serializedHeader = header.serialize();
+    std::vector<unsigned char> block;
+    block.reserve(frameHeaderSize + length + serializedHeader.size());
+    if (skippableFrame) {
+        appendLittleEndian32(block, CmsHeader::skippableFrameMagic);
+        appendLittleEndian32(block, static_cast<std::uint32_t>(serializedHeader.size() + length));
+    }
+    block.insert(block.end(), der, der + length);
+    block.insert(block.end(), serializedHeader.begin(), serializedHeader.end());
+    return block;
+}
+
+}  // namespace
+
+bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsigned int taAlgorithm,
+                         stack_st_ProofOfRotation* rotationChain, bool replace, bool skippableFrame,
+                         bool signFiles)
+{
+    if (!certificate || !key)
+        return false;
+    const Group group = groupOf(certificate);
+
+    auto locations = locateCmses(file_);
+    std::vector<Cms> present;
+    present.reserve(locations.size());
+    for (auto const& loc : locations)
+        present.emplace_back(readFileRange(file_, static_cast<long>(loc.begin), static_cast<long>(loc.end)));
+
+    if (replace && !locations.empty()) {
+        if (present.back().certificate()->group() == group) {
+            if (ftruncate(fd(), cutOffsetOf(locations.back())) != 0)
+                return false;
+            locations.pop_back();
+            present.pop_back();
+        } else if (group == Group::Developer) {
+            if (ftruncate(fd(), cutOffsetOf(locations.front())) != 0)
+                return false;
+            locations.clear();
+            present.clear();
+        }
+    }
+    if (locations.size() >= maxSignatures)
+        return false;
+    if (!mayTakeNextPosition(group, present))
+        return false;
+
+    // The first signature covers the whole file; a later one the last block's
+    // CMS onwards.
+    ReadOnlyMapping map(file_);
+    if (!map.valid())
+        return false;
+    const std::int64_t rangeBegin = locations.empty() ? 0 : locations.back().begin;
+    std::size_t derLength = 0;
+    GBytesPtr der(cms_sign(map.data() + rangeBegin, static_cast<std::size_t>(map.size() - rangeBegin),
+                           signFiles, key, taKey, taAlgorithm, certificate, rotationChain, &derLength));
+    if (!der)
+        return false;
+    std::vector<unsigned char> block = makeBlock(der.get(), derLength, skippableFrame);
+    der.reset();
+
+    fseek(file_, 0, SEEK_END);
+    return sealkeep::writeInPieces(fd(), block.data(), block.size());
+}
+
+}  // namespace PackageSignatures
