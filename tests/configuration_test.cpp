@@ -73,9 +73,10 @@ TEST(Configuration, PathsInsideTheFileAreNeverPrefixed)
 {
     TempDir root;
     ASSERT_EQ(0, g_mkdir_with_parents((root.path() + "/etc/sealkeep").c_str(), 0700));
-    writeText(root.path() + defaultFile,
-              keyFileText({{"main", {{"database_path", "/var/x.db"},
-                                     {"root_ca_cert_path", "/etc/ca.pem"}}}}));
+    writeText(
+        root.path() + defaultFile,
+        keyFileText(
+            {{"main", {{"database_path", "/var/x.db"}, {"root_ca_cert_path", "/etc/ca.pem"}}}}));
     ScopedEnvironment rootfs("SEALKEEP_ROOTFS", root.path());
 
     Configuration configuration;
@@ -89,12 +90,13 @@ TEST(Configuration, ReadsEverySixKeysOfGroupMain)
 {
     TempDir dir;
     std::string path = dir.file("sealkeep.conf");
-    writeText(path, keyFileText({{"main", {{"database_path", "/d.db"},
-                                           {"root_ca_cert_path", "/ca.pem"},
-                                           {"revocation_conf", "/revocation.conf"},
-                                           {"developermode_init_conf", "/init.conf"},
-                                           {"developermode_runtime_conf", "/runtime.conf"},
-                                           {"system_developer_keyid_path", "/keyid"}}}}));
+    writeText(path, keyFileText({{"main",
+                                  {{"database_path", "/d.db"},
+                                   {"root_ca_cert_path", "/ca.pem"},
+                                   {"revocation_conf", "/revocation.conf"},
+                                   {"developermode_init_conf", "/init.conf"},
+                                   {"developermode_runtime_conf", "/runtime.conf"},
+                                   {"system_developer_keyid_path", "/keyid"}}}}));
     Configuration configuration(path);
     EXPECT_EQ("/d.db", configuration.databasePath());
     EXPECT_EQ("/ca.pem", configuration.caPath());

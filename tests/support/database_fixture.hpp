@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "support/temp_dir.hpp"
 
 namespace sealkeep::test {
@@ -26,6 +28,15 @@ private:
     std::string name_;
     std::optional<std::string> previous_;
 };
+
+// Everything that run writes to standard error while it runs.
+template <typename Run>
+std::string stderrOf(Run&& run)
+{
+    testing::internal::CaptureStderr();
+    run();
+    return testing::internal::GetCapturedStderr();
+}
 
 using KeyValues = std::vector<std::pair<std::string, std::string>>;
 using KeyFileGroups = std::vector<std::pair<std::string, KeyValues>>;
