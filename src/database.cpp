@@ -226,8 +226,8 @@ bool Database::migrate(int from, int to)
             std::cerr << "Schema upgrade to version " << version + 1 << " failed" << std::endl;
             return false;
         }
-        // The steps that change tables have recorded their version already;
-        // the last one has no transaction of its own and relies on this.
+        // Every step has recorded its version already, in its transaction;
+        // writing it again changes nothing.
         setVersion(version + 1);
     }
     return true;
@@ -242,8 +242,16 @@ bool Database::migrateFrom(int version)
         return migrateV1toV2();
     case 2:
         return migrateV2toV3();
-    case 3:
-        return migrateV3toV4();
+    case 3: {
+        // This step has no transaction of its own: bringing the key ids in
+        // line and recording version 4 are made one here, so that an
+        // interrupted upgrade leaves version 3 exactly as it was.
+        Transaction transaction(record_->db);
+        if (!migrateV3toV4() || !setVersion(4))
+            return false;
+        transaction.commit();
+        return true;
+    }
     }
     return false;
 }
