@@ -83,7 +83,20 @@ TEST(Configuration, PathsInsideTheFileAreNeverPrefixed)
     EXPECT_EQ(root.path() + defaultFile, configuration.confPath());
     EXPECT_EQ("/var/x.db", configuration.databasePath());
     EXPECT_EQ("/etc/ca.pem", PackageSignatures::defaultCaPath());
-    EXPECT_EQ("/var/x.db", Configuration(root.path() + defaultFile).databasePath());
+}
+
+TEST(Configuration, PathsInsideAGivenFileIgnoreRootfs)
+{
+    TempDir dir;
+    const std::string path = dir.file("sealkeep.conf");
+    writeText(path, keyFileText({{"main", {{"database_path", "/var/x.db"}}}}));
+    for (auto root :
+         {std::optional<std::string>(), std::optional<std::string>(""),
+          std::optional<std::string>("/mnt/root"), std::optional<std::string>(dir.path())}) {
+        ScopedEnvironment rootfs("SEALKEEP_ROOTFS", root);
+        EXPECT_EQ("/var/x.db", Configuration(path).databasePath());
+        EXPECT_EQ(path, Configuration(path).confPath());
+    }
 }
 
 TEST(Configuration, ReadsEverySixKeysOfGroupMain)

@@ -16,9 +16,6 @@ using PackageSignatures::Database;
 
 namespace {
 
-using Rows = std::vector<std::string>;
-
-const Rows currentTables{"certificates", "groups", "packages", "revoked_keyids", "subgroups"};
 const Rows currentCertificateColumns{"id",      "key",      "certificate",
                                      "subject", "group_id", "subgroup_id"};
 
@@ -31,19 +28,6 @@ protected:
     std::string openAndClose()
     {
         return stderrOf([&] { Database(files.databasePath(), files.confPath()); });
-    }
-
-    // What every upgrade keeps: groups, packages and the certificates with
-    // their bytes.
-    void expectOldRowsKept(SqliteFile& file)
-    {
-        EXPECT_EQ((Rows{"1|developer", "2|seclab"}), file.queryRows("SELECT id, name FROM groups"));
-        EXPECT_EQ((Rows{"1|aa01|01020304|CN=first|1", "2|bb02|0A0B|CN=second|2"}),
-                  file.queryRows("SELECT id, key, hex(certificate), subject, group_id FROM "
-                                 "certificates ORDER BY id"));
-        EXPECT_EQ((Rows{"alpha|1", "alpha|2", "beta|2"}),
-                  file.queryRows("SELECT id, certificateid FROM packages ORDER BY id, "
-                                 "certificateid"));
     }
 
     void expectCurrentSchema(SqliteFile& file)
@@ -127,12 +111,13 @@ TEST_F(Migration, FromVersion3InDeveloperModeWithdrawsRevokeOnBind)
 
 TEST_F(Migration, MissingRevocationFileStopsAtVersion3)
 {
-    for (bool developerMode : {false, true}) {
-        SCOPED_TRACE(developerMode);
+    for (auto [from, developerMode] : {std::pair{3, false}, {3, true}, {0, false}, {0, true}}) {
+        SCOPED_TRACE("from " + std::to_string(from) + (developerMode ? " in" : " outside") +
+                     " developer mode");
         files.removeFile(files.databasePath());
         files.writeRuntimeMode(developerMode ? "true" : "false");
         files.removeFile(files.revocationPath());
-        createOldDatabase(files.databasePath(), 0);
+        createOldDatabase(files.databasePath(), from);
         EXPECT_EQ("Schema upgrade to version 4 failed\n", openAndClose());
         {
             SqliteFile file(files.databasePath());

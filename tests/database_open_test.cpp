@@ -22,9 +22,6 @@ using PackageSignatures::Database;
 
 namespace {
 
-const std::vector<std::string> allTables{"certificates", "groups", "packages", "revoked_keyids",
-                                         "subgroups"};
-
 class DatabaseOpen : public testing::Test {
 protected:
     TrustFiles files;
@@ -46,9 +43,9 @@ TEST_F(DatabaseOpen, FreshFileGetsSchemaVersionAndRevokeOnBindKeyids)
     EXPECT_EQ("", openAndClose());
 
     SqliteFile file(files.databasePath());
-    EXPECT_EQ(allTables, file.tables());
+    EXPECT_EQ(currentTables, file.tables());
     EXPECT_EQ(4, file.userVersion());
-    EXPECT_EQ((std::vector<std::string>{"b1|0", "b2|1"}),
+    EXPECT_EQ((Rows{"b1|0", "b2|1"}),
               file.queryRows("SELECT keyid, type FROM revoked_keyids ORDER BY keyid"));
     EXPECT_EQ("ok", file.integrityCheck());
 }
@@ -60,7 +57,7 @@ TEST_F(DatabaseOpen, FreshFileInDeveloperModeGetsNoRevokeOnBindKeyids)
     EXPECT_EQ("", openAndClose());
 
     SqliteFile file(files.databasePath());
-    EXPECT_EQ(allTables, file.tables());
+    EXPECT_EQ(currentTables, file.tables());
     EXPECT_EQ(4, file.userVersion());
     EXPECT_EQ(0, file.queryInt("SELECT COUNT(1) FROM revoked_keyids"));
 }
@@ -70,7 +67,7 @@ TEST_F(DatabaseOpen, FreshFileCreatesTheSchemaExactly)
     open();
     SqliteFile file(files.databasePath());
     EXPECT_EQ(
-        (std::vector<std::string>{
+        (Rows{
             "CREATE TABLE certificates(id INTEGER PRIMARY KEY, key BLOB NOT NULL, certificate "
             "BLOB NOT NULL, subject TEXT NOT NULL, group_id INTEGER, subgroup_id INTEGER, FOREIGN "
             "KEY(group_id) REFERENCES groups(id), FOREIGN KEY(subgroup_id) REFERENCES "
@@ -111,7 +108,7 @@ TEST_F(DatabaseOpen, MissingRevocationFileLeavesAFreshFileWithoutTablesUntilTheN
     files.writeRevocation({}, {{"b1", "blacklisted"}});
     EXPECT_EQ("", openAndClose());
     SqliteFile file(files.databasePath());
-    EXPECT_EQ(allTables, file.tables());
+    EXPECT_EQ(currentTables, file.tables());
     EXPECT_EQ(4, file.userVersion());
     EXPECT_EQ((std::vector<std::string>{"b1"}),
               file.queryTexts("SELECT keyid FROM revoked_keyids"));
@@ -154,6 +151,25 @@ TEST_F(DatabaseOpen, UnsupportedVersionIsReportedAndTheFileUntouched)
     const Bytes before = readFile(files.databasePath());
     EXPECT_EQ("Unsupported database version: 7\n", openAndClose());
     EXPECT_EQ(before, readFile(files.databasePath()));
+}
+
+TEST_F(DatabaseOpen, FileThatIsNotADatabaseIsReportedAndLeftUntouched)
+{
+    writeText(files.databasePath(), std::string(4096, 'x'));
+    const Bytes before = readFile(files.databasePath());
+    EXPECT_EQ("Could not upgrade database schema from version -1 to version 4\n", openAndClose());
+    EXPECT_EQ(before, readFile(files.databasePath()));
+}
+
+TEST_F(DatabaseOpen, ExistingEmptyFileIsAFreshFile)
+{
+    files.writeRevocation({}, {{"b1", "superseded"}});
+    writeText(files.databasePath(), "");
+    EXPECT_EQ("", openAndClose());
+    SqliteFile file(files.databasePath());
+    EXPECT_EQ(currentTables, file.tables());
+    EXPECT_EQ(4, file.userVersion());
+    EXPECT_EQ((Rows{"b1|0"}), file.queryRows("SELECT keyid, type FROM revoked_keyids"));
 }
 
 TEST_F(DatabaseOpen, UnreadableVersionOfAFileWithTablesIsReportedAsOneLine)
@@ -230,7 +246,7 @@ TEST_P(TableCreationFailure, IsReportedAndRolledBack)
 
     // Nothing was recorded, so the next open creates everything.
     EXPECT_EQ("", openAndClose());
-    EXPECT_EQ(allTables, SqliteFile(files.databasePath()).tables());
+    EXPECT_EQ(currentTables, SqliteFile(files.databasePath()).tables());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -301,11 +317,7 @@ TEST_F(DatabaseOpen, DestructorReleasesTheFileForOthers)
     EXPECT_TRUE(database->removeRevokedKeyid("k", Database::Superseded));
     database.reset();
 
-    // With the connection closed, another one can take an exclusive lock
-    // without waiting.
-    SqliteFile file(files.databasePath());
-    EXPECT_NO_THROW(file.exec("BEGIN EXCLUSIVE"));
-    file.exec("COMMIT");
+    EXPECT_TRUE(lockableAtOnce(files.databasePath()));
 }
 
 TEST_F(DatabaseOpen, StatementsAreResetSoOthersCanWrite)
@@ -313,11 +325,8 @@ TEST_F(DatabaseOpen, StatementsAreResetSoOthersCanWrite)
     auto database = open();
     EXPECT_TRUE(database->insertRevokedKeyid("k", Database::Blacklisted));
     EXPECT_EQ(Database::Blacklisted, database->getKeyidRevocationStatus("k"));
-    // A statement left active would hold a read lock and keep this writer
-    // out (its busy timeout is zero).
-    SqliteFile file(files.databasePath());
-    EXPECT_NO_THROW(file.exec("BEGIN EXCLUSIVE"));
-    file.exec("COMMIT");
+    // A statement left active would hold a read lock and keep writers out.
+    EXPECT_TRUE(lockableAtOnce(files.databasePath()));
 }
 
 TEST(Transaction, RollsBackUnlessCommitted)

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iostream>
 #include <memory>
 
 #include <sealkeep/database.hpp>
@@ -40,8 +41,6 @@ protected:
         return keyids;
     }
 };
-
-using Rows = std::vector<std::string>;
 
 TEST_F(Revocation, BlacklistingOutranksSuperseding)
 {
@@ -111,6 +110,18 @@ TEST_F(Revocation, UnknownValueStopsTheGroupAfterTheEntriesBeforeIt)
               }));
     EXPECT_FALSE(result);
     EXPECT_EQ((Rows{"A|0"}), stored());
+}
+
+TEST_F(Revocation, UnreadableValueIsReportedAsUnknown)
+{
+    // GLib refuses a value that is not valid UTF-8.
+    writeText(files.revocationPath(), "[revoke]\nA=bad\xff\n");
+    EXPECT_EQ("Unknown revocation type: \n", stderrOf([&] {
+                  EXPECT_FALSE(database->processKeyidsFromFile(files.revocationPath(), "revoke",
+                                                               Database::Insert));
+              }));
+    EXPECT_TRUE(std::cerr.good());
+    EXPECT_EQ(Rows{}, stored());
 }
 
 TEST_F(Revocation, ValuesAreCaseSensitive)
@@ -244,10 +255,8 @@ TEST_F(Revocation, UpdateLeavesNoTransactionOpen)
 {
     files.writeRevocation({{"R", "bogus"}}, {});
     stderrOf([&] { database->updateRevokedKeyids(); });
-    // Another connection can write at once: the update's transaction ended.
-    SqliteFile file(files.databasePath());
-    EXPECT_NO_THROW(file.exec("BEGIN EXCLUSIVE"));
-    file.exec("COMMIT");
+    // The update's transaction ended with it.
+    EXPECT_TRUE(lockableAtOnce(files.databasePath()));
 }
 
 TEST_F(Revocation, ManyKeyidsThroughTheCachedStatements)

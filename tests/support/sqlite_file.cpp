@@ -3,6 +3,7 @@
 #include "support/sqlite_file.hpp"
 
 #include <algorithm>
+#include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
 
@@ -148,6 +149,29 @@ void createOldDatabase(std::string const& path, int version)
     }
     file.exec("PRAGMA user_version = " + std::to_string(version));
     file.exec("COMMIT");
+}
+
+void expectOldRowsKept(SqliteFile& file)
+{
+    EXPECT_EQ((Rows{"1|developer", "2|seclab"}), file.queryRows("SELECT id, name FROM groups"));
+    EXPECT_EQ((Rows{"1|aa01|01020304|CN=first|1", "2|bb02|0A0B|CN=second|2"}),
+              file.queryRows("SELECT id, key, hex(certificate), subject, group_id FROM "
+                             "certificates ORDER BY id"));
+    EXPECT_EQ((Rows{"alpha|1", "alpha|2", "beta|2"}),
+              file.queryRows("SELECT id, certificateid FROM packages ORDER BY id, "
+                             "certificateid"));
+}
+
+bool lockableAtOnce(std::string const& path)
+{
+    SqliteFile file(path);
+    try {
+        file.exec("BEGIN EXCLUSIVE");
+    } catch (std::runtime_error const&) {
+        return false;
+    }
+    file.exec("COMMIT");
+    return true;
 }
 
 namespace {

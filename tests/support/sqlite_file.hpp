@@ -13,6 +13,12 @@
 
 namespace sealkeep::test {
 
+using Rows = std::vector<std::string>;
+
+// The tables of the current schema, sorted.
+inline const Rows currentTables{"certificates", "groups", "packages", "revoked_keyids",
+                                "subgroups"};
+
 // A connection of the test's own; every failure throws std::runtime_error
 // with SQLite's message, so a broken fixture cannot pass for a result.
 class SqliteFile {
@@ -50,6 +56,14 @@ private:
 //   revoked_keyids (from version 2): 1 "old1", 2 "old2" (from version 3 with
 //     types 0 and 1)
 void createOldDatabase(std::string const& path, int version);
+// Expects, as GoogleTest failures, that the groups, the certificates (but
+// their subgroups) and the packages createOldDatabase wrote are all there.
+void expectOldRowsKept(SqliteFile& file);
+
+// Whether another connection can take the write lock on the file at once,
+// without waiting: true when no connection holds a lock or a transaction on
+// it, nor a statement left unreset.
+bool lockableAtOnce(std::string const& path);
 
 // While it lives, runs onOpen on every SQLite connection that this process
 // opens, the library's included, so that a test can install an authorizer or
