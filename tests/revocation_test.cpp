@@ -84,6 +84,17 @@ TEST_F(Revocation, StatusOfAbsentSupersededBlacklistedAndOtherTypes)
     EXPECT_EQ(1, database->getKeyidRevocationStatus("minus"));
 }
 
+TEST_F(Revocation, UnknownTypesAreRefused)
+{
+    const auto bogus = static_cast<Database::RevocationType>(2);
+    EXPECT_FALSE(database->insertRevokedKeyid("k", bogus));
+    EXPECT_EQ(Rows{}, stored());
+    SqliteFile(files.databasePath())
+        .exec("INSERT INTO revoked_keyids (keyid, type) VALUES ('k', 2)");
+    EXPECT_FALSE(database->removeRevokedKeyid("k", bogus));
+    EXPECT_EQ((Rows{"k|2"}), stored());
+}
+
 TEST_F(Revocation, KeyidsAreComparedExactly)
 {
     ASSERT_TRUE(database->insertRevokedKeyid("abcdef", Database::Blacklisted));

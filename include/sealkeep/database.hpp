@@ -51,9 +51,10 @@ private:
 
 class SEALKEEP_EXPORT Database {
 public:
-    // The enums have a fixed underlying type so that any int converts to
-    // them with a defined value, which the operations then reject or treat
-    // as their default.
+    // The enums have a fixed underlying type, so that any int converts to
+    // them with a defined value. The operations refuse a value outside the
+    // enumerators (false), except readDeveloperModeConfig, which reports it
+    // and reads the runtime file.
     enum RevocationType : int { Superseded = 0, Blacklisted = 1 };
     enum RevokedKeyidsOperation : int { Insert = 0, Remove = 1 };
     enum DeveloperModeConfigType : int { Initial = 0, Runtime = 1 };
