@@ -6,10 +6,9 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
-#include <algorithm>
 #include <functional>
 #include <memory>
 
@@ -134,8 +133,9 @@ struct Scenario {
     std::function<void(TrustFiles const&)> completeAndCheck;
 };
 
-// Runs the scenario in a child that kills itself at event killAt; returns
-// how many events the child counted when it was not killed.
+// Runs the scenario in a child that kills itself at event killAt. A child
+// that finishes writes the number of events it counted to
+// "child-events.txt", which tells a run with killAt 0 how many there are.
 Outcome runScenarioChild(Scenario const& scenario, TrustFiles const& files, Trigger trigger,
                          long killAt)
 {
