@@ -51,9 +51,13 @@ private:
 
 class SEALKEEP_EXPORT Database {
 public:
-    enum RevocationType { Superseded = 0, Blacklisted = 1 };
-    enum RevokedKeyidsOperation { Insert = 0, Remove = 1 };
-    enum DeveloperModeConfigType { Initial = 0, Runtime = 1 };
+    // The enums have a fixed underlying type, so that any int converts to
+    // them with a defined value. The operations refuse a value outside the
+    // enumerators (false), except readDeveloperModeConfig, which reports it
+    // and reads the runtime file.
+    enum RevocationType : int { Superseded = 0, Blacklisted = 1 };
+    enum RevokedKeyidsOperation : int { Insert = 0, Remove = 1 };
+    enum DeveloperModeConfigType : int { Initial = 0, Runtime = 1 };
     // getKeyidRevocationStatus of a key id that is not revoked.
     static constexpr int NotRevoked = -1;
 
@@ -99,6 +103,13 @@ public:
 private:
     struct Record;
     std::unique_ptr<Record> record_;
+
+    // The prepared statement cached under key, prepared from sql on first
+    // use (or again after a failed preparation); null when it does not
+    // prepare. The caller resets it when done with it.
+    sqlite3_stmt* cachedStatement(int key, std::string_view sql);
+    // The one migration step that starts from version.
+    bool migrateFrom(int version);
 };
 
 }  // namespace PackageSignatures

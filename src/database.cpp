@@ -1,0 +1,313 @@
+// Database: opening the trust database, creating the schema of a fresh file,
+// upgrading older files step by step to version 4, and the statement cache and
+// helpers that every Database operation runs its SQL through.
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include <sealkeep/configuration.hpp>
+
+#include "database_record.hpp"
+
+// Certificate's destructor is referenced weakly, so that this library still
+// links in a build that leaves out the certificate sources. That is safe: only
+// code that constructs Certificates ever fills the cache, and that code
+// brings the certificate sources, destructor included, into the link.
+asm(".weak _ZN17PackageSignatures11CertificateD1Ev");
+
+namespace PackageSignatures {
+
+namespace {
+
+constexpr int currentVersion = 4;
+constexpr int busyTimeoutMs = 5000;
+
+using SqliteTextPtr = std::unique_ptr<char, sealkeep::Deleter<sqlite3_free>>;
+
+// The schema of the current version, in creation order.
+constexpr char createGroupsSql[] =
+    "CREATE TABLE IF NOT EXISTS groups(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE)";
+constexpr char createSubgroupsSql[] =
+    "CREATE TABLE IF NOT EXISTS subgroups(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE)";
+constexpr char createCertificatesSql[] =
+    "CREATE TABLE IF NOT EXISTS certificates(id INTEGER PRIMARY KEY, key BLOB NOT NULL, "
+    "certificate BLOB NOT NULL, subject TEXT NOT NULL, group_id INTEGER, subgroup_id INTEGER, "
+    "FOREIGN KEY(group_id) REFERENCES groups(id), FOREIGN KEY(subgroup_id) REFERENCES "
+    "subgroups(id), UNIQUE (id, key, group_id, subgroup_id))";
+constexpr char createPackagesSql[] =
+    "CREATE TABLE IF NOT EXISTS packages(id TEXT NOT NULL, certificateid INTEGER NOT NULL, "
+    "FOREIGN KEY(certificateid) REFERENCES certificates(id), UNIQUE (id, certificateid))";
+constexpr char createRevokedKeyidsSql[] =
+    "CREATE TABLE IF NOT EXISTS revoked_keyids(id INTEGER PRIMARY KEY, keyid TEXT NOT NULL "
+    "UNIQUE, type INTEGER NOT NULL)";
+
+// The number of tables in the file; nullopt when it cannot be read.
+std::optional<int> tableCount(sqlite3* db)
+{
+    StatementPtr count = prepareOnce(db, "SELECT COUNT(1) FROM sqlite_master WHERE type='table'");
+    if (sqlite3_step(count.get()) != SQLITE_ROW)
+        return std::nullopt;
+    return sqlite3_column_int(count.get(), 0);
+}
+
+int readUserVersion(sqlite3* db)
+{
+    StatementPtr version = prepareOnce(db, "PRAGMA user_version");
+    if (sqlite3_step(version.get()) != SQLITE_ROW)
+        return -1;
+    return sqlite3_column_int(version.get(), 0);
+}
+
+bool writeUserVersion(sqlite3* db, int version)
+{
+    const std::string sql = "PRAGMA user_version = " + std::to_string(version);
+    return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+// Runs the statements of one schema step as a whole and, in the same
+// transaction, moves the version forward to the one the step reaches. A
+// failure or a crash thus leaves either the old schema under the old version
+// or the new schema under the new one. The new schema under the old version
+// must never happen: the steps that add rows cannot be repeated, so the file
+// could not be upgraded again. The version only ever moves forward, so a step
+// run on a newer file changes nothing there.
+bool runSchemaStep(sqlite3* db, int reachedVersion, std::initializer_list<SqlStep> steps)
+{
+    Transaction transaction(db);
+    if (!runSqlSteps(db, steps))
+        return false;
+    if (readUserVersion(db) < reachedVersion && !writeUserVersion(db, reachedVersion))
+        return false;
+    transaction.commit();
+    return true;
+}
+
+}  // namespace
+
+StatementPtr prepareOnce(sqlite3* db, const char* sql)
+{
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
+    return StatementPtr(statement);
+}
+
+bool runSqlSteps(sqlite3* db, std::initializer_list<SqlStep> steps)
+{
+    for (SqlStep const& step : steps) {
+        char* collected = nullptr;
+        int result =
+            sqlite3_exec(db, step.sql, nullptr, nullptr, step.withErrorText ? &collected : nullptr);
+        SqliteTextPtr errorText(collected);
+        if (result == SQLITE_OK)
+            continue;
+        // Nothing is streamed when no text was collected: a null char* would
+        // put std::cerr into its failed state and silence every later message.
+        std::cerr << step.failurePrefix;
+        if (errorText)
+            std::cerr << errorText.get();
+        std::cerr << std::endl;
+        return false;
+    }
+    return true;
+}
+
+Database::Record::~Record()
+{
+    for (auto& [key, statement] : statements)
+        sqlite3_finalize(statement);
+    sqlite3_close(db);
+}
+
+sqlite3_stmt* Database::cachedStatement(int key, std::string_view sql)
+{
+    sqlite3_stmt*& statement = record_->statements[key];
+    if (!statement)
+        sqlite3_prepare_v2(record_->db, sql.data(), static_cast<int>(sql.size()), &statement,
+                           nullptr);
+    return statement;
+}
+
+Database::Database(std::string_view dbPath) : Database(dbPath, Configuration().confPath()) {}
+
+Database::Database(std::string_view dbPath, std::string_view confPath)
+    : record_(std::make_unique<Record>())
+{
+    record_->confPath = std::string(confPath);
+    const std::string path(dbPath);
+    if (sqlite3_open_v2(path.c_str(), &record_->db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                        nullptr) != SQLITE_OK) {
+        std::cerr << "Could not open database at " << dbPath << std::endl;
+        return;
+    }
+
+    // Other processes may use the file at the same time: wait for their
+    // locks for a while rather than fail at once.
+    sqlite3_busy_timeout(record_->db, busyTimeoutMs);
+
+    // Both facts come from one snapshot, so that another process creating
+    // the tables in between cannot make a fresh file look like an old one.
+    Transaction snapshot(record_->db);
+    const int version = queryVersion();
+    const std::optional<int> tables = tableCount(record_->db);
+    snapshot.commit();
+
+    if (tables && *tables == 0) {
+        initializeDatabase();
+        return;
+    }
+    if (version <= 3) {
+        // Failures are reported by migrate itself; the steps already made
+        // stay recorded and the next open resumes from there.
+        migrate(version, currentVersion);
+        return;
+    }
+    if (version != currentVersion)
+        std::cerr << "Unsupported database version: " << version << std::endl;
+}
+
+Database::~Database() = default;
+
+std::string Database::defaultPath()
+{
+    return Configuration().databasePath();
+}
+
+int Database::queryVersion()
+{
+    return readUserVersion(record_->db);
+}
+
+bool Database::setVersion(int version)
+{
+    return writeUserVersion(record_->db, version);
+}
+
+bool Database::createTables()
+{
+    // Only the first two creations report SQLite's error text; the others
+    // report their prefix alone.
+    return runSqlSteps(
+        record_->db, {{createGroupsSql, "Could not create groups table: "},
+                      {createSubgroupsSql, "Could not create subgroups table: "},
+                      {createCertificatesSql, "Could not create certificates table: ", false},
+                      {createPackagesSql, "Could not create packages table: ", false},
+                      {createRevokedKeyidsSql, "Could not create revoked_keyids table: ", false}});
+}
+
+void Database::initializeDatabase()
+{
+    // Everything a fresh file gets is one transaction: a failure (or a crash)
+    // leaves a file without tables, which the next open initializes again.
+    Transaction transaction(record_->db);
+    if (!createTables()) {
+        std::cerr << "Could not create tables" << std::endl;
+        return;
+    }
+    if (!isDeveloperModeEnabled() && !revokePublicKeys()) {
+        std::cerr << "Could not revoke public keys" << std::endl;
+        return;
+    }
+    if (!setVersion(currentVersion)) {
+        std::cerr << "Could not set database version" << std::endl;
+        return;
+    }
+    transaction.commit();
+}
+
+bool Database::migrate(int from, int to)
+{
+    if (from < 0 || from >= currentVersion) {
+        std::cerr << "Could not upgrade database schema from version " << from << " to version "
+                  << to << std::endl;
+        return false;
+    }
+    for (int version = from; version < currentVersion; ++version) {
+        if (!migrateFrom(version)) {
+            std::cerr << "Schema upgrade to version " << version + 1 << " failed" << std::endl;
+            return false;
+        }
+        // Every step has recorded its version already, in its transaction;
+        // writing it again changes nothing.
+        setVersion(version + 1);
+    }
+    return true;
+}
+
+bool Database::migrateFrom(int version)
+{
+    switch (version) {
+    case 0:
+        return migrateV0toV1();
+    case 1:
+        return migrateV1toV2();
+    case 2:
+        return migrateV2toV3();
+    case 3: {
+        // This step has no transaction of its own: bringing the key ids in
+        // line and recording version 4 are made one here, so that an
+        // interrupted upgrade leaves version 3 exactly as it was.
+        Transaction transaction(record_->db);
+        if (!migrateV3toV4() || !setVersion(4))
+            return false;
+        transaction.commit();
+        return true;
+    }
+    }
+    return false;
+}
+
+bool Database::migrateV0toV1()
+{
+    return runSchemaStep(
+        record_->db, 1,
+        {{createSubgroupsSql, "Could not create subgroups table: "},
+         {"INSERT INTO subgroups (name) VALUES ('regular'), ('antivirus'), ('extended'), "
+          "('mdm')",
+          "Could not insert subgroups data: "},
+         {"CREATE TABLE IF NOT EXISTS new_certificates(id INTEGER PRIMARY KEY, key BLOB NOT "
+          "NULL, certificate BLOB NOT NULL, subject TEXT NOT NULL, group_id INTEGER, "
+          "subgroup_id INTEGER, FOREIGN KEY(group_id) REFERENCES groups(id), FOREIGN "
+          "KEY(subgroup_id) REFERENCES subgroups(id), UNIQUE (id, key, group_id, "
+          "subgroup_id))",
+          "Could not create new_certificates table: "},
+         {"INSERT INTO new_certificates (id, key, certificate, subject, group_id, "
+          "subgroup_id) SELECT id, key, certificate, subject, group_id, (SELECT id FROM "
+          "subgroups WHERE name = 'regular') FROM certificates",
+          "Could not copy data from certificates to new_certificates: "},
+         {"DROP TABLE certificates", "Could not drop certificates table: "},
+         {"ALTER TABLE new_certificates RENAME TO certificates",
+          "Could not rename new_certificates to certificates table: "}});
+}
+
+bool Database::migrateV1toV2()
+{
+    return runSchemaStep(
+        record_->db, 2,
+        {{"CREATE TABLE IF NOT EXISTS revoked_keyids(id INTEGER PRIMARY KEY, keyid "
+          "TEXT NOT NULL UNIQUE)",
+          "Could not create revoked_keyids table: "}});
+}
+
+bool Database::migrateV2toV3()
+{
+    return runSchemaStep(
+        record_->db, 3,
+        {{"CREATE TABLE IF NOT EXISTS new_revoked_keyids(id INTEGER PRIMARY KEY, keyid TEXT "
+          "NOT NULL UNIQUE, type INTEGER NOT NULL)",
+          "Could not create new_revoked_keyids table: "},
+         {"INSERT INTO new_revoked_keyids (id, keyid, type) SELECT id, keyid, 0 FROM "
+          "revoked_keyids",
+          "Could not copy data from revoked_keyids to new_revoked_keyids: "},
+         {"DROP TABLE revoked_keyids", "Could not drop revoked_keyids table: "},
+         {"ALTER TABLE new_revoked_keyids RENAME TO revoked_keyids",
+          "Could not rename new_revoked_keyids to revoked_keyids table: "}});
+}
+
+bool Database::migrateV3toV4()
+{
+    // No table changes: version 4 only brings the revoke-on-bind key ids in
+    // line with developer mode.
+    return isDeveloperModeEnabled() ? trustPublicKeys() : revokePublicKeys();
+}
+
+}  // namespace PackageSignatures

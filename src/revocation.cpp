@@ -1,0 +1,154 @@
+// Key revocation: the key ids that may no longer sign, superseded (rotated
+// away from) or blacklisted, kept in revoked_keyids and fed from the
+// revocation file, whose "revoke-on-bind" entries follow developer mode.
+#include <cstring>
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include <sealkeep/configuration.hpp>
+
+#include "database_record.hpp"
+
+namespace PackageSignatures {
+
+namespace {
+
+// A blacklisting is never lowered: the update is skipped when the stored
+// type is already Blacklisted (the fourth parameter).
+constexpr std::string_view insertRevokedKeyidSql =
+    "INSERT INTO revoked_keyids (keyid, type) VALUES (?, ?) ON CONFLICT DO UPDATE SET type = ? "
+    "WHERE type != ?";
+constexpr std::string_view removeRevokedKeyidSql =
+    "DELETE FROM revoked_keyids WHERE keyid = ? AND type = ?";
+constexpr std::string_view revocationStatusSql = "SELECT type FROM revoked_keyids WHERE keyid = ?";
+
+constexpr char revokeGroup[] = "revoke";
+constexpr char revokeOnBindGroup[] = "revoke-on-bind";
+
+std::optional<Database::RevocationType> revocationTypeFromText(const char* text)
+{
+    if (text && std::strcmp(text, "superseded") == 0)
+        return Database::Superseded;
+    if (text && std::strcmp(text, "blacklisted") == 0)
+        return Database::Blacklisted;
+    return std::nullopt;
+}
+
+// Only the two known types are ever written or matched: any other value
+// would be read back as a blacklisting nobody asked for.
+bool isKnown(Database::RevocationType type)
+{
+    return type == Database::Superseded || type == Database::Blacklisted;
+}
+
+}  // namespace
+
+bool Database::insertRevokedKeyid(std::string_view keyid, RevocationType type)
+{
+    StatementUse statement(
+        cachedStatement(StatementKeys::InsertRevokedKeyid, insertRevokedKeyidSql));
+    sqlite3_stmt* s = statement.get();
+    return isKnown(type) && bindText(s, 1, keyid) == SQLITE_OK &&
+           sqlite3_bind_int(s, 2, type) == SQLITE_OK && sqlite3_bind_int(s, 3, type) == SQLITE_OK &&
+           sqlite3_bind_int(s, 4, Blacklisted) == SQLITE_OK && stepDone(s);
+}
+
+bool Database::removeRevokedKeyid(std::string_view keyid, RevocationType type)
+{
+    StatementUse statement(
+        cachedStatement(StatementKeys::RemoveRevokedKeyid, removeRevokedKeyidSql));
+    sqlite3_stmt* s = statement.get();
+    return isKnown(type) && bindText(s, 1, keyid) == SQLITE_OK &&
+           sqlite3_bind_int(s, 2, type) == SQLITE_OK && stepDone(s);
+}
+
+int Database::getKeyidRevocationStatus(std::string_view keyid)
+{
+    StatementUse statement(
+        cachedStatement(StatementKeys::KeyidRevocationStatus, revocationStatusSql));
+    sqlite3_stmt* s = statement.get();
+    if (bindText(s, 1, keyid) != SQLITE_OK || sqlite3_step(s) != SQLITE_ROW)
+        return NotRevoked;
+    // Any stored type other than Superseded counts as the stronger one.
+    return sqlite3_column_int(s, 0) == Superseded ? Superseded : Blacklisted;
+}
+
+std::vector<std::string> Database::revokedKeyids()
+{
+    StatementPtr statement = prepareOnce(record_->db, "SELECT keyid FROM revoked_keyids");
+    std::vector<std::string> keyids;
+    while (sqlite3_step(statement.get()) == SQLITE_ROW)
+        keyids.push_back(columnText(statement.get(), 0));
+    return keyids;
+}
+
+bool Database::processKeyidsFromFile(std::string_view path, std::string_view group,
+                                     RevokedKeyidsOperation op)
+{
+    const std::string file(path);
+    const std::string groupName(group);
+    sealkeep::GKeyFilePtr keyFile(g_key_file_new());
+    if (!g_key_file_load_from_file(keyFile.get(), file.c_str(), G_KEY_FILE_NONE, nullptr))
+        return false;
+    sealkeep::GStrvPtr keyids(
+        g_key_file_get_keys(keyFile.get(), groupName.c_str(), nullptr, nullptr));
+    if (!keyids)
+        return true;
+    // Entries applied before a failure stay applied unless the caller's
+    // transaction rolls them back.
+    for (char** keyid = keyids.get(); *keyid; ++keyid) {
+        sealkeep::GCharPtr value(
+            g_key_file_get_string(keyFile.get(), groupName.c_str(), *keyid, nullptr));
+        const std::optional<RevocationType> type = revocationTypeFromText(value.get());
+        if (!type) {
+            std::cerr << "Unknown revocation type: " << (value ? value.get() : "") << std::endl;
+            return false;
+        }
+        bool applied = false;
+        switch (op) {
+        case Insert:
+            applied = insertRevokedKeyid(*keyid, *type);
+            break;
+        case Remove:
+            applied = removeRevokedKeyid(*keyid, *type);
+            break;
+        }
+        if (!applied)
+            return false;
+    }
+    return true;
+}
+
+bool Database::processPublicKeys(RevokedKeyidsOperation op)
+{
+    const Configuration configuration(record_->confPath);
+    return processKeyidsFromFile(configuration.revocationConfPath(), revokeOnBindGroup, op);
+}
+
+bool Database::trustPublicKeys()
+{
+    return processPublicKeys(Remove);
+}
+
+bool Database::revokePublicKeys()
+{
+    return processPublicKeys(Insert);
+}
+
+bool Database::updateRevokedKeyids()
+{
+    const Configuration configuration(record_->confPath);
+    // One transaction, so that a process killed half-way leaves the previous
+    // list rather than part of the new one. It is committed whatever the
+    // steps return: an entry applied before a failure stays applied, as it
+    // would without the transaction.
+    Transaction transaction(record_->db);
+    const bool first = isDeveloperModeEnabled() ? trustPublicKeys() : revokePublicKeys();
+    const bool second =
+        processKeyidsFromFile(configuration.revocationConfPath(), revokeGroup, Insert);
+    transaction.commit();
+    return second && first;
+}
+
+}  // namespace PackageSignatures
