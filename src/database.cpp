@@ -9,12 +9,6 @@
 
 #include "database_record.hpp"
 
-// Certificate's destructor is referenced weakly, so that this library still
-// links in a build that leaves out the certificate sources. That is safe: only
-// code that constructs Certificates ever fills the cache, and that code
-// brings the certificate sources, destructor included, into the link.
-asm(".weak _ZN17PackageSignatures11CertificateD1Ev");
-
 namespace PackageSignatures {
 
 namespace {
