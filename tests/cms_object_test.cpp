@@ -8,6 +8,7 @@
 
 #include "support/blocks.hpp"
 #include "support/cms_builder.hpp"
+#include "support/shared_pki.hpp"
 #include "support/signing.hpp"
 #include "support/stderr_capture.hpp"
 
@@ -43,15 +44,8 @@ Bytes asBytes(std::string const& text)
     return Bytes(text.begin(), text.end());
 }
 
-class CmsObject : public ::testing::Test {
+class CmsObject : public SharedPkiTest {
 protected:
-    static void SetUpTestSuite() { pki = new Pki(); }
-    static void TearDownTestSuite()
-    {
-        delete pki;
-        pki = nullptr;
-    }
-
     static Bytes withFileSignatures(std::vector<std::pair<long, std::string>> const& entries,
                                     const char* oid = fileSignaturesOid)
     {
@@ -62,11 +56,8 @@ protected:
 
     static Bytes plainSignature(Identity const& who) { return signRange(asBytes("content"), who); }
 
-    static Pki* pki;
     TempDir dir;
 };
-
-Pki* CmsObject::pki = nullptr;
 
 TEST_F(CmsObject, HoldsACopyOfTheBytes)
 {

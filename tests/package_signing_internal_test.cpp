@@ -8,6 +8,7 @@
 #include "support/blocks.hpp"
 #include "support/cms_builder.hpp"
 #include "support/process.hpp"
+#include "support/shared_pki.hpp"
 #include "support/signing.hpp"
 #include "support/stderr_capture.hpp"
 
@@ -18,22 +19,13 @@ using namespace PackageSignatures;
 using sealkeep::PkeyPtr;
 using sealkeep::X509Ptr;
 
-class PackageSigning : public ::testing::Test {
+class PackageSigning : public SharedPkiTest {
 protected:
     static void SetUpTestSuite()
     {
-        pki = new Pki();
-        pki->developer();
-        pki->seclab();
-        pki->client();
-        otherDeveloper = new Identity(pki->issue("second developer", "developer"));
-        ungrouped = new Identity(pki->issue("no group", nullptr));
-    }
-    static void TearDownTestSuite()
-    {
-        delete ungrouped;
-        delete otherDeveloper;
-        delete pki;
+        SharedPkiTest::SetUpTestSuite();
+        otherDeveloper = pki->issue("second developer", "developer");
+        ungrouped = pki->issue("no group", nullptr);
     }
 
     void SetUp() override { writeFile(path, package); }
@@ -67,17 +59,12 @@ protected:
         return valid;
     }
 
-    static Pki* pki;
-    static Identity* otherDeveloper;
-    static Identity* ungrouped;
+    static inline Identity otherDeveloper;
+    static inline Identity ungrouped;
     TempDir dir;
     std::string path = dir.file("package.bin");
     Bytes package = patternBytes(10000, 3);
 };
-
-Pki* PackageSigning::pki = nullptr;
-Identity* PackageSigning::otherDeveloper = nullptr;
-Identity* PackageSigning::ungrouped = nullptr;
 
 TEST_F(PackageSigning, DeveloperSignsABarePackageWithOneVersionTwoBlock)
 {
@@ -116,7 +103,7 @@ TEST_F(PackageSigning, ABarePackageCannotBeSignedFirstBySeclabOrClient)
 
 TEST_F(PackageSigning, ACertificateWithoutGroupNeverSigns)
 {
-    std::string errors = stderrOf([&] { EXPECT_FALSE(signFile(path, *ungrouped)); });
+    std::string errors = stderrOf([&] { EXPECT_FALSE(signFile(path, ungrouped)); });
     EXPECT_EQ("Package signing not allowed (there is no corresponding extended key usage)\n", errors);
     EXPECT_EQ(package, readFile(path));
 }
@@ -198,7 +185,7 @@ TEST_F(PackageSigning, ReplacingAsDeveloperRemovesEverySignature)
     ASSERT_TRUE(signFile(path, pki->developer(), framed()));
     ASSERT_TRUE(signFile(path, pki->seclab()));
     ASSERT_TRUE(signFile(path, pki->client()));
-    ASSERT_TRUE(signFile(path, *otherDeveloper, replacing()));
+    ASSERT_TRUE(signFile(path, otherDeveloper, replacing()));
     auto found = blocks();
     ASSERT_EQ(1u, found.size());
     EXPECT_EQ(static_cast<std::int64_t>(package.size()), found[0].begin);

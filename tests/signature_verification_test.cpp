@@ -9,6 +9,7 @@
 #include "support/cms_builder.hpp"
 #include "support/process.hpp"
 #include "support/rpm_builder.hpp"
+#include "support/shared_pki.hpp"
 #include "support/signing.hpp"
 #include "support/stderr_capture.hpp"
 
@@ -21,17 +22,8 @@ using sealkeep::X509Ptr;
 
 const std::string verificationFailed = "CMS verification failed\n";
 
-class SignatureVerification : public ::testing::Test {
+class SignatureVerification : public SharedPkiTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        pki = new Pki();
-        pki->developer();
-        pki->seclab();
-        pki->client();
-    }
-    static void TearDownTestSuite() { delete pki; }
-
     void SetUp() override { writeFile(path, package); }
 
     bool verify() { return verifyFile(path, pki->ca().certPath); }
@@ -52,13 +44,10 @@ protected:
         writeFile(path, contents);
     }
 
-    static Pki* pki;
     TempDir dir;
     std::string path = dir.file("package.bin");
     Bytes package = patternBytes(6000, 5);
 };
-
-Pki* SignatureVerification::pki = nullptr;
 
 TEST_F(SignatureVerification, AnUnsignedFileIsRefusedSilently)
 {

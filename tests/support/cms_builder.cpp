@@ -29,15 +29,6 @@ unsigned int flagsFor(CmsRecipe const& recipe)
     return flags;
 }
 
-const EVP_MD* defaultDigest(EVP_PKEY* key)
-{
-    int nid = 0;
-    require(EVP_PKEY_get_default_digest_nid(key, &nid) > 0, "key has no default digest");
-    const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(nid));
-    require(md != nullptr, "unknown digest");
-    return md;
-}
-
 void addAttribute(CMS_SignerInfo* signer, CmsAttribute const& attribute)
 {
     ObjectPtr object(OBJ_txt2obj(attribute.oid.c_str(), 0));
@@ -51,7 +42,7 @@ void addAttribute(CMS_SignerInfo* signer, CmsAttribute const& attribute)
 void addSigner(CMS_ContentInfo* cms, CmsRecipe const& recipe, CmsSigner const& signer)
 {
     CMS_SignerInfo* info =
-        CMS_add1_signer(cms, signer.cert, signer.key, defaultDigest(signer.key), flagsFor(recipe));
+        CMS_add1_signer(cms, signer.cert, signer.key, defaultDigestOf(signer.key), flagsFor(recipe));
     require(info != nullptr, "cannot add signer");
     for (auto const& attribute : recipe.attributes)
         addAttribute(info, attribute);

@@ -30,15 +30,6 @@ FilePtr openOrThrow(std::string const& path, const char* mode)
     return file;
 }
 
-const EVP_MD* defaultDigestOf(EVP_PKEY* key)
-{
-    int nid = 0;
-    require(EVP_PKEY_get_default_digest_nid(key, &nid) > 0, "no default digest");
-    const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(nid));
-    require(md != nullptr, "default digest unavailable");
-    return md;
-}
-
 void setCommonName(X509_NAME* name, std::string const& commonName)
 {
     require(X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
@@ -48,6 +39,15 @@ void setCommonName(X509_NAME* name, std::string const& commonName)
 }
 
 }  // namespace
+
+const EVP_MD* defaultDigestOf(EVP_PKEY* key)
+{
+    int nid = 0;
+    require(EVP_PKEY_get_default_digest_nid(key, &nid) > 0, "no default digest");
+    const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(nid));
+    require(md != nullptr, "default digest unavailable");
+    return md;
+}
 
 std::string generateKey(std::string const& path, int bits, const char* paramset)
 {

@@ -30,6 +30,8 @@ void writeRequest(std::string const& keyPath, std::string const& csrPath,
                   std::string const& commonName);
 
 PkeyPtr loadKey(std::string const& path);
+// The digest key signs with by default (throws when it has none).
+const EVP_MD* defaultDigestOf(EVP_PKEY* key);
 X509Ptr loadCertificate(std::string const& path);
 void saveCertificate(X509* cert, std::string const& path);
 
