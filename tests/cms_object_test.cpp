@@ -245,6 +245,8 @@ TEST_F(CmsObject, CmsesListsEveryBlockInFileOrderWithoutDecoding)
 
     writeFile(path, patternBytes(100));
     EXPECT_TRUE(FileWithCmses::fromPath(path.c_str(), "r")->cmses().empty());
+    writeFile(path, {});
+    EXPECT_TRUE(FileWithCmses::fromPath(path.c_str(), "r")->cmses().empty());
 }
 
 TEST_F(CmsObject, AllFromFilePathListsTheSignersInFileOrder)

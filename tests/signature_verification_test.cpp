@@ -402,6 +402,6 @@ TEST_P(SignedRpm, ARealPackageSignedThreeTimesStillListsAndUnpacks)
     EXPECT_NE(std::string::npos, unpacked.output.find("./usr/share/demo/hello.txt")) << unpacked.output;
 }
 
-INSTANTIATE_TEST_SUITE_P(Zstd, SignedRpm, ::testing::Values("zstd"));
+INSTANTIATE_TEST_SUITE_P(Payloads, SignedRpm, ::testing::Values("zstd", "gzip", "xz", "bzip2"));
 
 }  // namespace
