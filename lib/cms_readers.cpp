@@ -10,6 +10,7 @@
 
 #include <sealkeep/sealkeep.h>
 
+#include "base64_size.hpp"
 #include "common/bio_source.hpp"
 #include "common/objects.hpp"
 #include "common/ossl_ptr.hpp"
@@ -64,14 +65,16 @@ T* decodeSequenceValue(X509_ATTRIBUTE* attribute, const char* failureMessage)
     return decoded;
 }
 
+}  // namespace
+
 // Base64 of n bytes needs 4 * ceil(n / 3) characters; this bound also leaves
-// room for the terminating NUL.
+// room for the terminating NUL. Computed in size_t: a hostile signature of a
+// gigabyte would overflow the int arithmetic.
 std::size_t base64BufferSize(int n)
 {
-    return static_cast<std::size_t>((4 * n + 12) / 3 + 1);
+    return (4 * static_cast<std::size_t>(n) + 12) / 3 + 1;
 }
 
-}  // namespace
 }  // namespace sealkeep
 
 using namespace sealkeep;
@@ -119,6 +122,8 @@ char* cms_get_signature(CMS_ContentInfo* cms)
         return nullptr;
     ASN1_OCTET_STRING* signature = CMS_SignerInfo_get0_signature(signer);
     int length = ASN1_STRING_length(signature);
+    if (length < 0 || length > maxBase64Input)
+        return nullptr;
     auto* text = static_cast<unsigned char*>(malloc(base64BufferSize(length)));
     if (!text)
         return nullptr;

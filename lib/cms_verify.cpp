@@ -98,6 +98,8 @@ bool verifyRotation(CMS_ContentInfo* cms)
 
 extern "C" bool cms_verify(const unsigned char* data, long len, CMS_ContentInfo* cms, X509_STORE* store)
 {
+    if (!cms || (!data && len > 0))
+        return failVerification();
     bool signatureValid = CMS_is_detached(cms) ? verifyDetached(data, len, cms, store)
                                                : verifyAttached(data, len, cms, store);
     return signatureValid && verifyRotation(cms);

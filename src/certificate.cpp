@@ -130,11 +130,14 @@ bool Certificate::verify(const char* caPath) const
 
 std::vector<unsigned char> Certificate::toDer() const
 {
-    int length = get() ? i2d_X509(get(), nullptr) : -1;
+    // An empty certificate encodes to nothing (length 0), silently.
+    int length = i2d_X509(get(), nullptr);
     if (length < 0) {
         std::cerr << "Could not encode X.509 certificate" << std::endl;
         return {};
     }
+    if (length == 0)
+        return {};
     std::vector<unsigned char> der(static_cast<std::size_t>(length));
     unsigned char* cursor = der.data();
     i2d_X509(get(), &cursor);

@@ -35,13 +35,6 @@ std::optional<Database::RevocationType> revocationTypeFromText(const char* text)
     return std::nullopt;
 }
 
-// Only the two known types are ever written or matched: any other value
-// would be read back as a blacklisting nobody asked for.
-bool isKnown(Database::RevocationType type)
-{
-    return type == Database::Superseded || type == Database::Blacklisted;
-}
-
 }  // namespace
 
 bool Database::insertRevokedKeyid(std::string_view keyid, RevocationType type)
@@ -49,7 +42,7 @@ bool Database::insertRevokedKeyid(std::string_view keyid, RevocationType type)
     StatementUse statement(
         cachedStatement(StatementKeys::InsertRevokedKeyid, insertRevokedKeyidSql));
     sqlite3_stmt* s = statement.get();
-    return isKnown(type) && bindText(s, 1, keyid) == SQLITE_OK &&
+    return bindText(s, 1, keyid) == SQLITE_OK &&
            sqlite3_bind_int(s, 2, type) == SQLITE_OK && sqlite3_bind_int(s, 3, type) == SQLITE_OK &&
            sqlite3_bind_int(s, 4, Blacklisted) == SQLITE_OK && stepDone(s);
 }
@@ -59,8 +52,8 @@ bool Database::removeRevokedKeyid(std::string_view keyid, RevocationType type)
     StatementUse statement(
         cachedStatement(StatementKeys::RemoveRevokedKeyid, removeRevokedKeyidSql));
     sqlite3_stmt* s = statement.get();
-    return isKnown(type) && bindText(s, 1, keyid) == SQLITE_OK &&
-           sqlite3_bind_int(s, 2, type) == SQLITE_OK && stepDone(s);
+    return bindText(s, 1, keyid) == SQLITE_OK && sqlite3_bind_int(s, 2, type) == SQLITE_OK &&
+           stepDone(s);
 }
 
 int Database::getKeyidRevocationStatus(std::string_view keyid)

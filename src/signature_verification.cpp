@@ -29,10 +29,11 @@ struct ByteRange {
 // four bytes 8 before its CMS are the skippable-frame magic.
 std::optional<std::int64_t> coveredEnd(FILE* file, CmsLocation const& loc)
 {
-    // Such a block cannot come from signing; the frame test would read
-    // before the start of the file.
+    // No frame prefix fits in front of a block this close to the start (a
+    // version-2 signature of a tiny file), and the test would read before
+    // the start of the file.
     if (loc.begin < frameHeaderSize)
-        return std::nullopt;
+        return loc.begin;
     static const std::vector<unsigned char> frameMagic{0x50, 0x2A, 0x4D, 0x18};
     auto bytes = readFileRange(file, static_cast<long>(loc.begin - frameHeaderSize),
                                static_cast<long>(loc.begin - frameHeaderSize + 4));

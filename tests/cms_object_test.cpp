@@ -124,10 +124,14 @@ TEST_F(CmsObject, CopyTakesTheLoadedFileTableButNotTheOtherCaches)
 
 TEST_F(CmsObject, CopyLoadsTheTrustletTableAnew)
 {
-    Cms original(withFileSignatures({{1, "ta"}}, trustletSignaturesOid));
-    EXPECT_EQ(asBytes("ta"), original.trustletSignature(1));
+    // The original keeps the table of its former bytes after assign; a copy
+    // takes the new bytes and loads their table.
+    Cms original(withFileSignatures({{1, "old"}}, trustletSignaturesOid));
+    EXPECT_EQ(asBytes("old"), original.trustletSignature(1));
+    original.assign(withFileSignatures({{1, "new"}}, trustletSignaturesOid));
     Cms copy(original);
-    EXPECT_EQ(asBytes("ta"), copy.trustletSignature(1));
+    EXPECT_EQ(asBytes("new"), copy.trustletSignature(1));
+    EXPECT_EQ(asBytes("old"), original.trustletSignature(1));
 }
 
 TEST_F(CmsObject, CertificateAndChainAreCachedAndShared)

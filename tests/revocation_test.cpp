@@ -84,15 +84,16 @@ TEST_F(Revocation, StatusOfAbsentSupersededBlacklistedAndOtherTypes)
     EXPECT_EQ(1, database->getKeyidRevocationStatus("minus"));
 }
 
-TEST_F(Revocation, UnknownTypesAreRefused)
+TEST_F(Revocation, OtherTypesAreStoredAndMatchedAsGiven)
 {
-    const auto bogus = static_cast<Database::RevocationType>(2);
-    EXPECT_FALSE(database->insertRevokedKeyid("k", bogus));
-    EXPECT_EQ(Rows{}, stored());
-    SqliteFile(files.databasePath())
-        .exec("INSERT INTO revoked_keyids (keyid, type) VALUES ('k', 2)");
-    EXPECT_FALSE(database->removeRevokedKeyid("k", bogus));
+    const auto other = static_cast<Database::RevocationType>(2);
+    EXPECT_TRUE(database->insertRevokedKeyid("k", other));
     EXPECT_EQ((Rows{"k|2"}), stored());
+    EXPECT_EQ(Database::Blacklisted, database->getKeyidRevocationStatus("k"));
+    EXPECT_TRUE(database->removeRevokedKeyid("k", Database::Blacklisted));
+    EXPECT_EQ((Rows{"k|2"}), stored());
+    EXPECT_TRUE(database->removeRevokedKeyid("k", other));
+    EXPECT_EQ(Rows{}, stored());
 }
 
 TEST_F(Revocation, KeyidsAreComparedExactly)

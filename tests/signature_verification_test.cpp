@@ -72,6 +72,15 @@ TEST_F(SignatureVerification, AnUnreadableCaFileIsRefused)
     EXPECT_FALSE(verifyFile(path, missing));
 }
 
+TEST_F(SignatureVerification, ASignatureOfAFileShorterThanAFramePrefixVerifies)
+{
+    writeFile(path, Bytes{1, 2, 3, 4, 5});
+    ASSERT_TRUE(signFile(path, pki->developer()));
+    EXPECT_TRUE(verify());
+    ASSERT_TRUE(signFile(path, pki->client()));
+    EXPECT_TRUE(verify());
+}
+
 TEST_F(SignatureVerification, ADeveloperSignatureVerifies)
 {
     ASSERT_TRUE(signFile(path, pki->developer()));

@@ -10,10 +10,10 @@ namespace sealkeep {
 
 BIO* openTempFileBio(const unsigned char* data, std::size_t len)
 {
+    // A temporary file that cannot even be made fails like one that cannot
+    // be written.
     FilePtr file(tmpfile());
-    if (!file)
-        return nullptr;
-    if (!writeInPieces(fileno(file.get()), data, len)) {
+    if (!file || !writeInPieces(fileno(file.get()), data, len)) {
         fprintf(stderr, "Could not store inmemory data to temporary file\n");
         return nullptr;
     }

@@ -14,7 +14,8 @@ constexpr std::size_t maxMemoryBioLength = 0x7FFFFFFF;
 
 // Copies len bytes into a tmpfile() and returns a file BIO over it, positioned
 // at 0, that closes (and so deletes) the file when freed. Null on failure,
-// after "Could not store inmemory data to temporary file\n" or
+// after "Could not store inmemory data to temporary file\n" (the file cannot
+// be made or written) or
 // "Could not create BIO from temporary file\n".
 BIO* openTempFileBio(const unsigned char* data, std::size_t len);
 

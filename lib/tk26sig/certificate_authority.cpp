@@ -87,10 +87,13 @@ bool setSerialNumber(X509* cert)
     return true;
 }
 
+// Both ends come from one reading of the clock, so that the validity is
+// exactly 8760 days even when a second ticks in between.
 bool setValidity(X509* cert)
 {
-    return X509_gmtime_adj(X509_getm_notBefore(cert), 0) &&
-           X509_gmtime_adj(X509_getm_notAfter(cert), validitySeconds);
+    time_t issued = time(nullptr);
+    return X509_time_adj_ex(X509_getm_notBefore(cert), 0, 0, &issued) &&
+           X509_time_adj_ex(X509_getm_notAfter(cert), 0, validitySeconds, &issued);
 }
 
 bool setPublicKey(X509* cert, EVP_PKEY* key)
