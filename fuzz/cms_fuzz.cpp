@@ -5,12 +5,6 @@
 
 #include "fuzz_input.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    sealkeep::fuzz::silenceStandardError();
-    return 0;
-}
-
 static void readFileSignatures(CMS_ContentInfo* cms, int which)
 {
     FileSignatures* table = cms_get_file_signatures(cms, which);

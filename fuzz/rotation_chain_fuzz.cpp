@@ -2,14 +2,6 @@
 // object form with its previous key ids.
 #include <sealkeep/sealkeep.hpp>
 
-#include "fuzz_input.hpp"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    sealkeep::fuzz::silenceStandardError();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const unsigned char* cursor = data;

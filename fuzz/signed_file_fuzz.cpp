@@ -10,12 +10,6 @@
 
 using namespace PackageSignatures;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    sealkeep::fuzz::silenceStandardError();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     int fd = memfd_create("signed-file", 0);

@@ -15,6 +15,6 @@ export SEALKEEP_FUZZ_CA="$corpus/ca.pem"
 for target in signed_file cms rotation_chain; do
   mkdir -p "$corpus/$target"
   echo "== ${target}_fuzz for ${seconds}s"
-  "$build/fuzz/${target}_fuzz" -max_total_time="$seconds" -max_len=65536 -timeout=10 \
+  "$build/fuzz/${target}_fuzz" -max_total_time="$seconds" -max_len=65536 -timeout=10 -close_fd_mask=2 \
     -artifact_prefix="$build/fuzz-crash-$target-" "$corpus/$target"
 done
