@@ -14,6 +14,7 @@
 #include <sealkeep/sealkeep.h>
 
 #include "support/cms_builder.hpp"
+#include "support/rotating_keys.hpp"
 #include "support/files.hpp"
 #include "support/pki.hpp"
 #include "support/process.hpp"
@@ -37,27 +38,8 @@ Bytes derOfPemChain(std::string const& path)
     return Bytes(der, der + length);
 }
 
-class ProofOfRotationTest : public testing::Test {
+class ProofOfRotationTest : public RotatingKeysTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        pki = std::make_unique<Pki>();
-        for (const char* name : {"a", "b", "c", "d"})
-            identities[name[0] - 'a'] = pki->issue(name, "developer");
-        for (int i = 0; i < 4; ++i)
-            signers[i] = loadSigner(identities[i]);
-    }
-
-    static void TearDownTestSuite()
-    {
-        for (auto& signer : signers)
-            signer = LoadedSigner{};
-        pki.reset();
-    }
-
-    static Identity const& identity(char name) { return identities[name - 'a']; }
-    static LoadedSigner const& signer(char name) { return signers[name - 'a']; }
-
     // A proof old -> new signed with the keys of oldKey and newKey.
     static ProofPtr proof(char oldName, char newName, char oldKey = 0, char newKey = 0)
     {
@@ -95,9 +77,6 @@ protected:
     }
 
     TempDir dir;
-    static inline std::unique_ptr<Pki> pki;
-    static inline Identity identities[4];
-    static inline LoadedSigner signers[4];
 };
 
 // ---------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include <sealkeep/sealkeep.h>
 
 #include "support/cms_builder.hpp"
+#include "support/rotating_keys.hpp"
 #include "support/files.hpp"
 #include "support/pki.hpp"
 #include "support/stderr_capture.hpp"
@@ -24,30 +25,8 @@ using PackageSignatures::Rotation;
 using PackageSignatures::RotationChain;
 using Keyids = std::vector<std::string>;
 
-class RotationObjects : public testing::Test {
+class RotationObjects : public RotatingKeysTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        pki = std::make_unique<Pki>();
-        for (const char* name : {"a", "b", "c"})
-            identities[name[0] - 'a'] = pki->issue(name, "developer");
-        for (int i = 0; i < 3; ++i) {
-            signers[i] = loadSigner(identities[i]);
-            keyids[i] = Certificate(signers[i].cert.get()).keyId();
-        }
-    }
-
-    static void TearDownTestSuite()
-    {
-        for (auto& signer : signers)
-            signer = LoadedSigner{};
-        pki.reset();
-    }
-
-    static Identity const& identity(char name) { return identities[name - 'a']; }
-    static LoadedSigner const& signer(char name) { return signers[name - 'a']; }
-    static std::string const& keyid(char name) { return keyids[name - 'a']; }
-
     // An ASN.1 chain of the rotations old -> new given as pairs of names.
     static ChainPtr chainOf(std::vector<std::pair<char, char>> const& rotations)
     {
@@ -68,10 +47,6 @@ protected:
     }
 
     TempDir dir;
-    static inline std::unique_ptr<Pki> pki;
-    static inline Identity identities[3];
-    static inline LoadedSigner signers[3];
-    static inline std::string keyids[3];
 };
 
 TEST_F(RotationObjects, NullChainIsEmpty)
