@@ -77,16 +77,16 @@ void stageEntries(std::string const& stage, std::vector<PayloadEntry> const& ent
     }
 }
 
-std::string specText(std::string const& name, std::string const& stage, std::vector<PayloadEntry> const& entries)
+std::string rpmBuildFile(std::string const& name, std::string const& stage, std::vector<PayloadEntry> const& entries)
 {
-    std::string spec = "Name: " + name +
+    std::string text = "Name: " + name +
                        "\nVersion: 1.0\nRelease: 1\nSummary: test package\nLicense: MIT\nBuildArch: noarch\n"
                        "%description\ntest package\n"
                        "%install\nmkdir -p %{buildroot}\ncp -a " +
                        stage + "/. %{buildroot}/\n%files\n";
     for (auto const& entry : entries)
-        spec += (entry.kind == PayloadEntry::Kind::Directory ? "%dir " : "") + entry.path + "\n";
-    return spec;
+        text += (entry.kind == PayloadEntry::Kind::Directory ? "%dir " : "") + entry.path + "\n";
+    return text;
 }
 
 }  // namespace
@@ -97,12 +97,12 @@ std::string buildRpm(std::string const& workDir, std::string const& name, std::v
     const std::string top = workDir + "/rpmbuild-" + name;
     const std::string stage = top + "/stage";
     stageEntries(stage, entries);
-    const std::string specPath = top + "/" + name + ".spec";
-    writeText(specPath, specText(name, stage, entries));
+    const std::string buildFilePath = top + "/" + name + ".spec";
+    writeText(buildFilePath, rpmBuildFile(name, stage, entries));
 
     auto result = runCommand({"rpmbuild", "-bb", "--quiet", "--define", "_topdir " + top, "--define",
                               "_binary_payload " + payloadMacro(compressor), "--define", "__os_install_post %{nil}",
-                              "--define", "debug_package %{nil}", "--define", "_build_id_links none", specPath});
+                              "--define", "debug_package %{nil}", "--define", "_build_id_links none", buildFilePath});
     std::string rpm = top + "/RPMS/noarch/" + name + "-1.0-1.noarch.rpm";
     if (result.exitCode != 0 || !fileExists(rpm))
         throw std::runtime_error("rpmbuild failed: " + result.errors);
