@@ -38,10 +38,12 @@ public:
     Transaction(Transaction const&) = delete;
     Transaction& operator=(Transaction const&) = delete;
 
-    void commit()
+    // Whether COMMIT succeeded. A failed COMMIT leaves the transaction open;
+    // it is then rolled back on destruction, like one never committed.
+    bool commit()
     {
-        sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
-        committed_ = true;
+        committed_ = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+        return committed_;
     }
 
 private:
