@@ -14,7 +14,8 @@ namespace PackageSignatures {
 namespace {
 
 constexpr int currentVersion = 4;
-constexpr int busyTimeoutMs = 5000;
+constexpr int defaultBusyTimeoutMs = 5000;
+int busyTimeoutMs = defaultBusyTimeoutMs;
 
 using SqliteTextPtr = std::unique_ptr<char, sealkeep::Deleter<sqlite3_free>>;
 
@@ -77,6 +78,16 @@ bool runSchemaStep(sqlite3* db, int reachedVersion, std::initializer_list<SqlSte
 }
 
 }  // namespace
+
+}  // namespace PackageSignatures
+
+void sealkeep::setDatabaseBusyTimeoutForTests(int milliseconds)
+{
+    PackageSignatures::busyTimeoutMs =
+        milliseconds > 0 ? milliseconds : PackageSignatures::defaultBusyTimeoutMs;
+}
+
+namespace PackageSignatures {
 
 StatementPtr prepareOnce(sqlite3* db, const char* sql)
 {

@@ -120,4 +120,13 @@ bool runSqlSteps(sqlite3* db, std::initializer_list<SqlStep> steps);
 
 }  // namespace PackageSignatures
 
+namespace sealkeep {
+
+// How long the connections opened from now on wait for another process's
+// lock before they report the database busy; 0 or less restores the
+// library's own wait. Only tests change it, to keep their waits short.
+void setDatabaseBusyTimeoutForTests(int milliseconds);
+
+}  // namespace sealkeep
+
 #endif
