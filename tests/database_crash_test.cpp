@@ -288,6 +288,9 @@ Scenario revocationUpdate()
     return scenario;
 }
 
+// Every scenario is swept with each of the three triggers. A new scenario
+// (another kind of write, such as recording a package) is a function like
+// revocationUpdate() above, swept by three more tests like these.
 TEST(DatabaseCrash, FreshFileKilledBeforeEveryStatement)
 {
     sweep(freshFile(), Trigger::Statement, 1000);
