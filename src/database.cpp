@@ -74,7 +74,9 @@ int readUserVersion(sqlite3* db)
 bool writeUserVersion(sqlite3* db, int version)
 {
     const std::string sql = "PRAGMA user_version = " + std::to_string(version);
-    return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+    const int result = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+    reportBusy(result);
+    return result == SQLITE_OK;
 }
 
 // Whether the file is already at reachedVersion or beyond, read under the
