@@ -15,7 +15,6 @@
 #include <vector>
 
 #include <time.h>
-#include <unistd.h>
 
 #include <sealkeep/database.hpp>
 
@@ -30,13 +29,8 @@ using PackageSignatures::Database;
 
 namespace {
 
-// Files in memory when the system offers it: the processes here are killed
-// by no one, but they open and upgrade hundreds of files.
-const bool filesInMemory = [] {
-    if (access("/dev/shm", W_OK) == 0)
-        setenv("TMPDIR", "/dev/shm", 0);
-    return true;
-}();
+// Hundreds of files are created, opened and upgraded below.
+const bool filesInMemory = preferFilesInMemory();
 
 constexpr char busyLine[] = "Database is busy: database is locked";
 constexpr char readTransaction[] = "BEGIN; SELECT COUNT(1) FROM sqlite_master";

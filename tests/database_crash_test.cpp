@@ -29,13 +29,8 @@ namespace {
 
 // The kills are of processes, not of the machine: what a killed process
 // leaves is what it wrote, whatever the file system makes of its syncs. So
-// the files may live in memory when the system offers it, which keeps the
-// hundreds of runs below fast. A TMPDIR chosen by the caller is kept.
-const bool filesInMemory = [] {
-    if (access("/dev/shm", W_OK) == 0)
-        setenv("TMPDIR", "/dev/shm", 0);
-    return true;
-}();
+// the files may live in memory, which keeps the hundreds of runs below fast.
+const bool filesInMemory = preferFilesInMemory();
 
 // The kill switch lives in the child: it counts events of the library's
 // connection and kills the process at the chosen one, before the event takes

@@ -6,7 +6,9 @@
 // cache for its lifetime. Nothing here throws for bad data or failed I/O:
 // failures are returned as false/empty values and reported on std::cerr.
 // One object is used by one thread at a time; processes sharing the file rely
-// on SQLite's locking. Every std::string_view argument must be NUL-terminated.
+// on SQLite's locking: an operation waits a few seconds at most for another
+// process's lock, then fails and reports "Database is busy: " on std::cerr.
+// Every std::string_view argument must be NUL-terminated.
 #ifndef SEALKEEP_DATABASE_HPP
 #define SEALKEEP_DATABASE_HPP
 

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 
 #include <fcntl.h>
@@ -136,6 +137,13 @@ bool LockHolder::finish()
         clean_ = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
     return clean_;
+}
+
+bool preferFilesInMemory()
+{
+    if (access("/dev/shm", W_OK) == 0)
+        setenv("TMPDIR", "/dev/shm", 0);
+    return true;
 }
 
 void removeDatabaseFiles(std::string const& databasePath)

@@ -65,6 +65,12 @@ private:
     bool clean_ = false;
 };
 
+// Has temporary directories made in memory (/dev/shm) when the system offers
+// it and the caller chose no TMPDIR, which makes runs that create many
+// database files fast; the file's fate on a crash of the machine is not what
+// such tests judge. Returns true, for use as a static initializer.
+bool preferFilesInMemory();
+
 // Deletes the database file and its journal.
 void removeDatabaseFiles(std::string const& databasePath);
 
