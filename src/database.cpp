@@ -19,6 +19,8 @@ namespace PackageSignatures {
 namespace {
 
 constexpr int currentVersion = 4;
+// How long a connection waits for another process's lock before it reports
+// the database busy. Only tests change it (setDatabaseBusyTimeoutForTests).
 constexpr int defaultBusyTimeoutMs = 5000;
 int busyTimeoutMs = defaultBusyTimeoutMs;
 
