@@ -45,10 +45,13 @@ Configuration::Configuration(std::string_view path) : record_(std::make_unique<R
 {
     record_->filePath = std::string(path);
     // GLib gets our own copy, which is NUL-terminated whatever the view was.
-    // A file that cannot be loaded leaves the key file empty, which every
+    // A file that cannot be loaded gives an empty key file, which every
     // getter reports as an absent key: there is nothing more useful to say.
-    g_key_file_load_from_file(record_->keyFile.get(), record_->filePath.c_str(), G_KEY_FILE_NONE,
-                              nullptr);
+    // GLib keeps what it read before the line it could not parse, so that
+    // head is dropped: half a configuration is not a configuration.
+    if (!g_key_file_load_from_file(record_->keyFile.get(), record_->filePath.c_str(),
+                                   G_KEY_FILE_NONE, nullptr))
+        record_->keyFile.reset(g_key_file_new());
 }
 
 Configuration::~Configuration() = default;

@@ -1,9 +1,14 @@
 // Database: opening the trust database, creating the schema of a fresh file,
 // upgrading older files step by step to version 4, and the statement cache and
 // helpers that every Database operation runs its SQL through.
+#include <algorithm>
+#include <chrono>
 #include <iostream>
 #include <optional>
 #include <string>
+#include <thread>
+
+#include <unistd.h>
 
 #include <sealkeep/configuration.hpp>
 
@@ -14,7 +19,10 @@ namespace PackageSignatures {
 namespace {
 
 constexpr int currentVersion = 4;
-constexpr int busyTimeoutMs = 5000;
+// How long a connection waits for another process's lock before it reports
+// the database busy. Only tests change it (setDatabaseBusyTimeoutForTests).
+constexpr int defaultBusyTimeoutMs = 5000;
+int busyTimeoutMs = defaultBusyTimeoutMs;
 
 using SqliteTextPtr = std::unique_ptr<char, sealkeep::Deleter<sqlite3_free>>;
 
@@ -35,27 +43,51 @@ constexpr char createRevokedKeyidsSql[] =
     "CREATE TABLE IF NOT EXISTS revoked_keyids(id INTEGER PRIMARY KEY, keyid TEXT NOT NULL "
     "UNIQUE, type INTEGER NOT NULL)";
 
+constexpr char tableCountSql[] = "SELECT COUNT(1) FROM sqlite_master WHERE type='table'";
+constexpr char userVersionSql[] = "PRAGMA user_version";
+
+// Column 0 of the first row of a query run once; nullopt without a row.
+// result receives the step's result, so that the caller can tell a busy
+// database from an answer.
+std::optional<int> queryInt(sqlite3* db, const char* sql, int& result)
+{
+    StatementPtr statement = prepareOnce(db, sql);
+    result = sqlite3_step(statement.get());
+    if (result != SQLITE_ROW)
+        return std::nullopt;
+    return sqlite3_column_int(statement.get(), 0);
+}
+
 // The number of tables in the file; nullopt when it cannot be read.
 std::optional<int> tableCount(sqlite3* db)
 {
-    StatementPtr count = prepareOnce(db, "SELECT COUNT(1) FROM sqlite_master WHERE type='table'");
-    if (sqlite3_step(count.get()) != SQLITE_ROW)
-        return std::nullopt;
-    return sqlite3_column_int(count.get(), 0);
+    int result = SQLITE_OK;
+    return queryInt(db, tableCountSql, result);
 }
 
 int readUserVersion(sqlite3* db)
 {
-    StatementPtr version = prepareOnce(db, "PRAGMA user_version");
-    if (sqlite3_step(version.get()) != SQLITE_ROW)
-        return -1;
-    return sqlite3_column_int(version.get(), 0);
+    int result = SQLITE_OK;
+    const std::optional<int> version = queryInt(db, userVersionSql, result);
+    reportBusy(result);
+    return version.value_or(-1);
 }
 
 bool writeUserVersion(sqlite3* db, int version)
 {
     const std::string sql = "PRAGMA user_version = " + std::to_string(version);
-    return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+    const int result = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+    reportBusy(result);
+    return result == SQLITE_OK;
+}
+
+// Whether the file is already at reachedVersion or beyond, read under the
+// write lock that the caller's transaction holds: another process may have
+// upgraded it since this one last looked. An unreadable version counts as
+// not reached, so the step runs.
+bool alreadyReached(sqlite3* db, int reachedVersion)
+{
+    return readUserVersion(db) >= reachedVersion;
 }
 
 // Runs the statements of one schema step as a whole and, in the same
@@ -63,20 +95,65 @@ bool writeUserVersion(sqlite3* db, int version)
 // failure or a crash thus leaves either the old schema under the old version
 // or the new schema under the new one. The new schema under the old version
 // must never happen: the steps that add rows cannot be repeated, so the file
-// could not be upgraded again. The version only ever moves forward, so a step
-// run on a newer file changes nothing there.
+// could not be upgraded again. The transaction takes the write lock before
+// it reads the version, so a step that another process has already made is
+// skipped, never made again over the newer data (copying revoked_keyids
+// again would turn every blacklisting into a superseding).
 bool runSchemaStep(sqlite3* db, int reachedVersion, std::initializer_list<SqlStep> steps)
 {
-    Transaction transaction(db);
-    if (!runSqlSteps(db, steps))
+    Transaction transaction(db, Transaction::Immediate);
+    if (!began(transaction))
         return false;
-    if (readUserVersion(db) < reachedVersion && !writeUserVersion(db, reachedVersion))
+    if (alreadyReached(db, reachedVersion))
+        return true;
+    if (!runSqlSteps(db, steps) || !writeUserVersion(db, reachedVersion))
         return false;
-    transaction.commit();
-    return true;
+    return committed(transaction);
+}
+
+// The busy handler of every connection: waits for another process's lock in
+// short sleeps of random length, so that processes contending for the file
+// take turns rather than one of them sleeping through every chance, and gives
+// up once busyTimeoutMs have passed since this wait began. The process id is
+// mixed in because forked processes share SQLite's random sequence.
+int waitForLock(void* data, int attempt)
+{
+    using namespace std::chrono;
+    BusyWait& wait = *static_cast<BusyWait*>(data);
+    const steady_clock::time_point now = steady_clock::now();
+    if (attempt == 0)
+        wait.since = now;
+    else if (now - wait.since >= milliseconds(busyTimeoutMs)) {
+        ++wait.expired;
+        return 0;
+    }
+    unsigned random = 0;
+    sqlite3_randomness(sizeof random, &random);
+    random ^= static_cast<unsigned>(getpid()) * 2654435761u;
+    const unsigned longest = static_cast<unsigned>(std::min(attempt + 1, 10)) * 1000;
+    std::this_thread::sleep_for(microseconds(100 + random % longest));
+    return 1;
 }
 
 }  // namespace
+
+}  // namespace PackageSignatures
+
+void sealkeep::setDatabaseBusyTimeoutForTests(int milliseconds)
+{
+    PackageSignatures::busyTimeoutMs =
+        milliseconds > 0 ? milliseconds : PackageSignatures::defaultBusyTimeoutMs;
+}
+
+namespace PackageSignatures {
+
+bool reportBusy(int result)
+{
+    if ((result & 0xff) != SQLITE_BUSY)
+        return false;
+    std::cerr << "Database is busy: " << sqlite3_errstr(result) << std::endl;
+    return true;
+}
 
 StatementPtr prepareOnce(sqlite3* db, const char* sql)
 {
@@ -136,14 +213,22 @@ Database::Database(std::string_view dbPath, std::string_view confPath)
 
     // Other processes may use the file at the same time: wait for their
     // locks for a while rather than fail at once.
-    sqlite3_busy_timeout(record_->db, busyTimeoutMs);
+    sqlite3_busy_handler(record_->db, waitForLock, &record_->busyWait);
 
     // Both facts come from one snapshot, so that another process creating
     // the tables in between cannot make a fresh file look like an old one.
+    // They only choose the way: initializing and every upgrade step read
+    // them again under the write lock. A file that stayed locked tells
+    // nothing, and is reported as busy rather than as unreadable.
+    int result = SQLITE_OK;
     Transaction snapshot(record_->db);
-    const int version = queryVersion();
-    const std::optional<int> tables = tableCount(record_->db);
+    const int version = queryInt(record_->db, userVersionSql, result).value_or(-1);
+    std::optional<int> tables;
+    if ((result & 0xff) != SQLITE_BUSY)
+        tables = queryInt(record_->db, tableCountSql, result);
     snapshot.commit();
+    if (reportBusy(result))
+        return;
 
     if (tables && *tables == 0) {
         initializeDatabase();
@@ -192,7 +277,15 @@ void Database::initializeDatabase()
 {
     // Everything a fresh file gets is one transaction: a failure (or a crash)
     // leaves a file without tables, which the next open initializes again.
-    Transaction transaction(record_->db);
+    // Under the write lock, tables found now were made by another process
+    // since this one looked, with everything else a fresh file gets: doing
+    // it again would bring back revoke-on-bind key ids removed since.
+    Transaction transaction(record_->db, Transaction::Immediate);
+    if (!began(transaction))
+        return;
+    const std::optional<int> tables = tableCount(record_->db);
+    if (tables && *tables > 0)
+        return;
     if (!createTables()) {
         std::cerr << "Could not create tables" << std::endl;
         return;
@@ -205,7 +298,7 @@ void Database::initializeDatabase()
         std::cerr << "Could not set database version" << std::endl;
         return;
     }
-    transaction.commit();
+    committed(transaction);
 }
 
 bool Database::migrate(int from, int to)
@@ -216,13 +309,18 @@ bool Database::migrate(int from, int to)
         return false;
     }
     for (int version = from; version < currentVersion; ++version) {
+        // A step that failed because the file stayed locked has been
+        // reported as busy; it is not a failed upgrade.
+        const int expiredWaits = record_->busyWait.expired;
         if (!migrateFrom(version)) {
-            std::cerr << "Schema upgrade to version " << version + 1 << " failed" << std::endl;
+            if (record_->busyWait.expired == expiredWaits)
+                std::cerr << "Schema upgrade to version " << version + 1 << " failed"
+                          << std::endl;
             return false;
         }
-        // Every step has recorded its version already, in its transaction;
-        // writing it again changes nothing.
-        setVersion(version + 1);
+        // Every step records the version it reaches in its own transaction,
+        // and only when the file was below it: writing the version again
+        // here could lower the one another process has reached meanwhile.
     }
     return true;
 }
@@ -236,16 +334,8 @@ bool Database::migrateFrom(int version)
         return migrateV1toV2();
     case 2:
         return migrateV2toV3();
-    case 3: {
-        // This step has no transaction of its own: bringing the key ids in
-        // line and recording version 4 are made one here, so that an
-        // interrupted upgrade leaves version 3 exactly as it was.
-        Transaction transaction(record_->db);
-        if (!migrateV3toV4() || !setVersion(4))
-            return false;
-        transaction.commit();
-        return true;
-    }
+    case 3:
+        return migrateV3toV4();
     }
     return false;
 }
@@ -300,8 +390,19 @@ bool Database::migrateV2toV3()
 bool Database::migrateV3toV4()
 {
     // No table changes: version 4 only brings the revoke-on-bind key ids in
-    // line with developer mode.
-    return isDeveloperModeEnabled() ? trustPublicKeys() : revokePublicKeys();
+    // line with developer mode. That and recording version 4 are one
+    // transaction, so that an interrupted upgrade leaves version 3 exactly as
+    // it was; and it is made once, so that key ids changed since version 4
+    // was reached are not changed back.
+    Transaction transaction(record_->db, Transaction::Immediate);
+    if (!began(transaction))
+        return false;
+    if (alreadyReached(record_->db, 4))
+        return true;
+    const bool applied = isDeveloperModeEnabled() ? trustPublicKeys() : revokePublicKeys();
+    if (!applied || !setVersion(4))
+        return false;
+    return committed(transaction);
 }
 
 }  // namespace PackageSignatures

@@ -4,6 +4,7 @@
 #ifndef SEALKEEP_SRC_DATABASE_RECORD_HPP
 #define SEALKEEP_SRC_DATABASE_RECORD_HPP
 
+#include <chrono>
 #include <cstddef>
 #include <initializer_list>
 #include <memory>
@@ -20,8 +21,16 @@
 
 namespace PackageSignatures {
 
+// The state of a connection's wait for another process's lock.
+struct BusyWait {
+    std::chrono::steady_clock::time_point since;
+    // How many times a wait ran out, after which the statement failed busy.
+    int expired = 0;
+};
+
 struct Database::Record {
     sqlite3* db = nullptr;
+    BusyWait busyWait;
     std::string confPath;
     // Prepared once per connection and kept until the destructor; a null
     // entry is a statement whose preparation failed and is retried on use.
@@ -100,10 +109,43 @@ inline std::string columnText(sqlite3_stmt* statement, int column)
                        static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
 }
 
+// Reports on std::cerr, as one line, that a result code means the database
+// stayed busy: another process kept its lock for longer than this connection
+// waits. True when it was busy.
+bool reportBusy(int result);
+
+// sqlite3_step, with a busy database reported.
+inline int step(sqlite3_stmt* statement)
+{
+    const int result = sqlite3_step(statement);
+    reportBusy(result);
+    return result;
+}
+
 // Steps a statement that is expected to finish without a row.
 inline bool stepDone(sqlite3_stmt* statement)
 {
-    return sqlite3_step(statement) == SQLITE_DONE;
+    return step(statement) == SQLITE_DONE;
+}
+
+// Whether a transaction began; one that did not because the database stayed
+// busy is reported.
+inline bool began(Transaction const& transaction)
+{
+    if (transaction.active())
+        return true;
+    reportBusy(transaction.result());
+    return false;
+}
+
+// Commits; a commit that failed (and was rolled back) because the database
+// stayed busy is reported.
+inline bool committed(Transaction& transaction)
+{
+    if (transaction.commit())
+        return true;
+    reportBusy(transaction.result());
+    return false;
 }
 
 // One statement of a sequence and the message that introduces its failure.
@@ -119,5 +161,14 @@ struct SqlStep {
 bool runSqlSteps(sqlite3* db, std::initializer_list<SqlStep> steps);
 
 }  // namespace PackageSignatures
+
+namespace sealkeep {
+
+// How long the connections opened from now on wait for another process's
+// lock before they report the database busy; 0 or less restores the
+// library's own wait. Only tests change it, to keep their waits short.
+void setDatabaseBusyTimeoutForTests(int milliseconds);
+
+}  // namespace sealkeep
 
 #endif

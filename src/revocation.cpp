@@ -35,10 +35,17 @@ std::optional<Database::RevocationType> revocationTypeFromText(const char* text)
     return std::nullopt;
 }
 
+bool isRevocationType(Database::RevocationType type)
+{
+    return type == Database::Superseded || type == Database::Blacklisted;
+}
+
 }  // namespace
 
 bool Database::insertRevokedKeyid(std::string_view keyid, RevocationType type)
 {
+    if (!isRevocationType(type))
+        return false;
     StatementUse statement(
         cachedStatement(StatementKeys::InsertRevokedKeyid, insertRevokedKeyidSql));
     sqlite3_stmt* s = statement.get();
@@ -49,6 +56,8 @@ bool Database::insertRevokedKeyid(std::string_view keyid, RevocationType type)
 
 bool Database::removeRevokedKeyid(std::string_view keyid, RevocationType type)
 {
+    if (!isRevocationType(type))
+        return false;
     StatementUse statement(
         cachedStatement(StatementKeys::RemoveRevokedKeyid, removeRevokedKeyidSql));
     sqlite3_stmt* s = statement.get();
@@ -61,17 +70,21 @@ int Database::getKeyidRevocationStatus(std::string_view keyid)
     StatementUse statement(
         cachedStatement(StatementKeys::KeyidRevocationStatus, revocationStatusSql));
     sqlite3_stmt* s = statement.get();
-    if (bindText(s, 1, keyid) != SQLITE_OK || sqlite3_step(s) != SQLITE_ROW)
+    if (bindText(s, 1, keyid) != SQLITE_OK || step(s) != SQLITE_ROW)
         return NotRevoked;
-    // Any stored type other than Superseded counts as the stronger one.
-    return sqlite3_column_int(s, 0) == Superseded ? Superseded : Blacklisted;
+    // Any stored type other than Superseded counts as the stronger one,
+    // whatever it is stored as: sqlite3_column_int would read 4294967296,
+    // 0.5 or 'x' as 0.
+    const bool superseded = sqlite3_column_type(s, 0) == SQLITE_INTEGER &&
+                            sqlite3_column_int64(s, 0) == Superseded;
+    return superseded ? Superseded : Blacklisted;
 }
 
 std::vector<std::string> Database::revokedKeyids()
 {
     StatementPtr statement = prepareOnce(record_->db, "SELECT keyid FROM revoked_keyids");
     std::vector<std::string> keyids;
-    while (sqlite3_step(statement.get()) == SQLITE_ROW)
+    while (step(statement.get()) == SQLITE_ROW)
         keyids.push_back(columnText(statement.get(), 0));
     return keyids;
 }
@@ -135,13 +148,15 @@ bool Database::updateRevokedKeyids()
     // One transaction, so that a process killed half-way leaves the previous
     // list rather than part of the new one. It is committed whatever the
     // steps return: an entry applied before a failure stays applied, as it
-    // would without the transaction.
-    Transaction transaction(record_->db);
+    // would without the transaction. It takes the write lock first, and a
+    // commit that fails is a failed update: nothing of it was written.
+    Transaction transaction(record_->db, Transaction::Immediate);
+    if (!began(transaction))
+        return false;
     const bool first = isDeveloperModeEnabled() ? trustPublicKeys() : revokePublicKeys();
     const bool second =
         processKeyidsFromFile(configuration.revocationConfPath(), revokeGroup, Insert);
-    transaction.commit();
-    return second && first;
+    return committed(transaction) && second && first;
 }
 
 }  // namespace PackageSignatures

@@ -150,6 +150,21 @@ TEST(Configuration, FileWithoutGroupMainGivesEmptyStringsSilently)
     EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
+TEST(Configuration, PartlyLoadableFileGivesEmptyStringsSilently)
+{
+    // GLib reads the valid head before it meets the line that is not a key
+    // file line; the file as a whole is still unloadable.
+    TempDir dir;
+    std::string path = dir.file("sealkeep.conf");
+    writeText(path, "[main]\ndatabase_path=/var/x.db\nroot_ca_cert_path=/ca.pem\n"
+                    "this is not a key file line\nrevocation_conf=/r.conf\n");
+    testing::internal::CaptureStderr();
+    Configuration configuration(path);
+    expectAllKeysEmpty(configuration);
+    EXPECT_EQ(path, configuration.confPath());
+    EXPECT_EQ("", testing::internal::GetCapturedStderr());
+}
+
 TEST(Configuration, MissingOrMalformedFileGivesEmptyStringsSilently)
 {
     TempDir dir;

@@ -12,14 +12,13 @@
 #include <functional>
 #include <memory>
 
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <sealkeep/database.hpp>
 
 #include "support/counting_vfs.hpp"
 #include "support/database_fixture.hpp"
+#include "support/database_processes.hpp"
 #include "support/files.hpp"
 #include "support/sqlite_file.hpp"
 
@@ -30,51 +29,8 @@ namespace {
 
 // The kills are of processes, not of the machine: what a killed process
 // leaves is what it wrote, whatever the file system makes of its syncs. So
-// the files may live in memory when the system offers it, which keeps the
-// hundreds of runs below fast. A TMPDIR chosen by the caller is kept.
-const bool filesInMemory = [] {
-    if (access("/dev/shm", W_OK) == 0)
-        setenv("TMPDIR", "/dev/shm", 0);
-    return true;
-}();
-
-// How a child process ended.
-struct Outcome {
-    bool killed = false;  // by SIGKILL, that is by its own kill switch
-    int exitCode = -1;    // when it exited
-    std::string errors;   // its standard error
-};
-
-// Runs body in a forked child whose standard error goes to errorsPath. The
-// child cannot outlive a hang: an alarm ends it after 30 seconds.
-pid_t startChild(std::function<int()> const& body, std::string const& errorsPath)
-{
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        alarm(30);
-        int errors = open(errorsPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (errors >= 0)
-            dup2(errors, 2);
-        int code = body();
-        fflush(nullptr);
-        _exit(code);
-    }
-    return pid;
-}
-
-Outcome waitChild(pid_t pid, std::string const& errorsPath)
-{
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Outcome outcome;
-    outcome.killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    if (WIFEXITED(status))
-        outcome.exitCode = WEXITSTATUS(status);
-    if (fileExists(errorsPath))
-        outcome.errors = readText(errorsPath);
-    return outcome;
-}
+// the files may live in memory, which keeps the hundreds of runs below fast.
+const bool filesInMemory = preferFilesInMemory();
 
 // The kill switch lives in the child: it counts events of the library's
 // connection and kills the process at the chosen one, before the event takes
@@ -158,12 +114,6 @@ Outcome runScenarioChild(Scenario const& scenario, TrustFiles const& files, Trig
     return waitChild(pid, errorsPath);
 }
 
-void removeDatabase(TrustFiles const& files)
-{
-    files.removeFile(files.databasePath());
-    files.removeFile(files.databasePath() + "-journal");
-}
-
 // Kills the scenario's child at evenly spread points of its work (about
 // `points` of them, the first and the last event included), checking the
 // file after every kill and after the next open.
@@ -184,7 +134,7 @@ void sweep(Scenario const& scenario, Trigger trigger, long points)
 
     for (long killAt : killPoints) {
         SCOPED_TRACE("killed at event " + std::to_string(killAt) + " of " + std::to_string(events));
-        removeDatabase(files);
+        removeDatabaseFiles(files.databasePath());
         scenario.setUp(files);
         Outcome outcome = runScenarioChild(scenario, files, trigger, killAt);
         ASSERT_TRUE(outcome.killed) << "exit " << outcome.exitCode << ": " << outcome.errors;
@@ -333,6 +283,9 @@ Scenario revocationUpdate()
     return scenario;
 }
 
+// Every scenario is swept with each of the three triggers. A new scenario
+// (another kind of write, such as recording a package) is a function like
+// revocationUpdate() above, swept by three more tests like these.
 TEST(DatabaseCrash, FreshFileKilledBeforeEveryStatement)
 {
     sweep(freshFile(), Trigger::Statement, 1000);
@@ -381,13 +334,9 @@ TEST(DatabaseCrash, RevocationUpdateKilledBeforeEveryFileChange)
 // Two processes open the same file at once (fresh the first time) and each
 // inserts its own key ids and some shared ones, reading them back. SQLite's
 // locking serialises them; both succeed and the file stays sound.
-int insertConcurrently(TrustFiles const& files, std::string const& name, int const gate[2])
+int insertConcurrently(TrustFiles const& files, std::string const& name, StartGate& gate)
 {
-    // Waits for the end of file on the gate, which comes once every copy of
-    // its write end, this one included, is closed.
-    close(gate[1]);
-    char go;
-    if (read(gate[0], &go, 1) != 0)
+    if (!gate.wait())
         return 2;
     Database database(files.databasePath(), files.confPath());
     int failures = 0;
@@ -408,16 +357,13 @@ TEST(DatabaseConcurrency, TwoProcessesInsertingAtOnceBothSucceed)
     files.writeRevocation({}, revokeOnBind);
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        int gate[2];
-        ASSERT_EQ(0, pipe(gate));
+        StartGate gate;
         const std::string errorsA = files.file("a.txt"), errorsB = files.file("b.txt");
         pid_t a =
             startChild([&] { return insertConcurrently(files, "process-a-", gate); }, errorsA);
         pid_t b =
             startChild([&] { return insertConcurrently(files, "process-b-", gate); }, errorsB);
-        // Closing the gate's write end lets both children go at once.
-        close(gate[1]);
-        close(gate[0]);
+        gate.open();
         Outcome outcomeA = waitChild(a, errorsA);
         Outcome outcomeB = waitChild(b, errorsB);
         EXPECT_EQ(0, outcomeA.exitCode) << outcomeA.errors;

@@ -365,4 +365,70 @@ TEST(Transaction, InnerTransactionJoinsTheOuterOne)
     EXPECT_EQ(0, file.queryInt("SELECT COUNT(1) FROM t"));
 }
 
+TEST(Transaction, InnerCommitLeavesTheOutcomeToTheOuterOne)
+{
+    TempDir dir;
+    SqliteFile file(dir.file("t.db"));
+    file.exec("CREATE TABLE t(x)");
+    {
+        PackageSignatures::Transaction outer(file.handle());
+        {
+            PackageSignatures::Transaction inner(file.handle());
+            EXPECT_TRUE(inner.active());
+            file.exec("INSERT INTO t VALUES (1)");
+            EXPECT_TRUE(inner.commit());
+        }
+        EXPECT_EQ(0, sqlite3_get_autocommit(file.handle()));
+    }
+    EXPECT_EQ(0, file.queryInt("SELECT COUNT(1) FROM t"));
+}
+
+// The connections here do not wait for locks, so a lock held by another
+// connection makes BEGIN IMMEDIATE or COMMIT fail at once.
+TEST(Transaction, FailedCommitIsRolledBackAtOnce)
+{
+    TempDir dir;
+    SqliteFile file(dir.file("t.db"));
+    file.exec("CREATE TABLE t(x)");
+    SqliteFile reader(dir.file("t.db"));
+    reader.exec("BEGIN");
+    EXPECT_EQ(0, reader.queryInt("SELECT COUNT(1) FROM t"));
+    {
+        PackageSignatures::Transaction transaction(file.handle());
+        file.exec("INSERT INTO t VALUES (1)");
+        EXPECT_FALSE(transaction.commit());
+        EXPECT_EQ(SQLITE_BUSY, transaction.result());
+        // Not left inside the transaction until the guard goes away.
+        EXPECT_EQ(1, sqlite3_get_autocommit(file.handle()));
+        reader.exec("COMMIT");
+        file.exec("INSERT INTO t VALUES (2)");
+    }
+    EXPECT_EQ((Rows{"2"}), file.queryTexts("SELECT x FROM t"));
+}
+
+TEST(Transaction, ImmediateTakesTheWriteLockWhenItBegins)
+{
+    TempDir dir;
+    SqliteFile file(dir.file("t.db"));
+    file.exec("CREATE TABLE t(x)");
+    {
+        PackageSignatures::Transaction transaction(file.handle(),
+                                                   PackageSignatures::Transaction::Immediate);
+        EXPECT_TRUE(transaction.active());
+        EXPECT_FALSE(lockableAtOnce(dir.file("t.db")));
+        EXPECT_TRUE(transaction.commit());
+    }
+    SqliteFile writer(dir.file("t.db"));
+    writer.exec("BEGIN IMMEDIATE");
+    {
+        PackageSignatures::Transaction transaction(file.handle(),
+                                                   PackageSignatures::Transaction::Immediate);
+        EXPECT_FALSE(transaction.active());
+        EXPECT_EQ(SQLITE_BUSY, transaction.result());
+        EXPECT_FALSE(transaction.commit());
+        EXPECT_EQ(1, sqlite3_get_autocommit(file.handle()));
+    }
+    writer.exec("COMMIT");
+}
+
 }  // namespace

@@ -84,16 +84,31 @@ TEST_F(Revocation, StatusOfAbsentSupersededBlacklistedAndOtherTypes)
     EXPECT_EQ(1, database->getKeyidRevocationStatus("minus"));
 }
 
-TEST_F(Revocation, OtherTypesAreStoredAndMatchedAsGiven)
+TEST_F(Revocation, EveryNonZeroStoredTypeReadsAsBlacklisted)
 {
-    const auto other = static_cast<Database::RevocationType>(2);
-    EXPECT_TRUE(database->insertRevokedKeyid("k", other));
-    EXPECT_EQ((Rows{"k|2"}), stored());
+    SqliteFile(files.databasePath())
+        .exec("INSERT INTO revoked_keyids (keyid, type) VALUES ('big', 4294967296), "
+              "('half', 0.5), ('text', 'x'), ('negative', -4294967296), ('zero', 0), "
+              "('real zero', 0.0), ('text zero', '0')");
+    for (const char* keyid : {"big", "half", "text", "negative"})
+        EXPECT_EQ(Database::Blacklisted, database->getKeyidRevocationStatus(keyid)) << keyid;
+    // The column's integer affinity stores 0.0 and '0' as the integer 0.
+    for (const char* keyid : {"zero", "real zero", "text zero"})
+        EXPECT_EQ(Database::Superseded, database->getKeyidRevocationStatus(keyid)) << keyid;
+}
+
+TEST_F(Revocation, TypesOutsideTheEnumeratorsAreRefused)
+{
+    for (int value : {2, 7, -1}) {
+        const auto other = static_cast<Database::RevocationType>(value);
+        EXPECT_FALSE(database->insertRevokedKeyid("k", other)) << value;
+        EXPECT_EQ(Rows{}, stored());
+    }
+    SqliteFile(files.databasePath())
+        .exec("INSERT INTO revoked_keyids (keyid, type) VALUES ('k', 7)");
+    EXPECT_FALSE(database->removeRevokedKeyid("k", static_cast<Database::RevocationType>(7)));
+    EXPECT_EQ((Rows{"k|7"}), stored());
     EXPECT_EQ(Database::Blacklisted, database->getKeyidRevocationStatus("k"));
-    EXPECT_TRUE(database->removeRevokedKeyid("k", Database::Blacklisted));
-    EXPECT_EQ((Rows{"k|2"}), stored());
-    EXPECT_TRUE(database->removeRevokedKeyid("k", other));
-    EXPECT_EQ(Rows{}, stored());
 }
 
 TEST_F(Revocation, KeyidsAreComparedExactly)

@@ -6,7 +6,9 @@
 // cache for its lifetime. Nothing here throws for bad data or failed I/O:
 // failures are returned as false/empty values and reported on std::cerr.
 // One object is used by one thread at a time; processes sharing the file rely
-// on SQLite's locking. Every std::string_view argument must be NUL-terminated.
+// on SQLite's locking: an operation waits a few seconds at most for another
+// process's lock, then fails and reports "Database is busy: " on std::cerr.
+// Every std::string_view argument must be NUL-terminated.
 #ifndef SEALKEEP_DATABASE_HPP
 #define SEALKEEP_DATABASE_HPP
 
@@ -22,41 +24,74 @@
 namespace PackageSignatures {
 
 // A scoped SQLite transaction: rolled back on destruction unless committed.
-// Results of BEGIN, COMMIT and ROLLBACK are deliberately ignored, so a
-// Transaction opened inside another one simply joins it.
+//
+// A write transaction should begin Immediate: it then takes the file's write
+// lock at once (waiting, like any statement, for the connection's busy
+// timeout), so that no other process can slip a change in between what it
+// reads and what it writes, and it cannot fail half-way for want of the lock.
+// Deferred takes locks only as its statements need them.
+//
+// A Transaction opened while another one is open on the connection joins it:
+// it begins nothing, its commit() leaves the outcome to the outer one, and
+// its destruction without commit() rolls the outer one back.
 class Transaction {
 public:
-    explicit Transaction(sqlite3* db) : db_(db), committed_(false)
+    enum Mode { Deferred, Immediate };
+
+    explicit Transaction(sqlite3* db, Mode mode = Deferred)
+        : db_(db), joined_(db != nullptr && sqlite3_get_autocommit(db) == 0)
     {
-        sqlite3_exec(db_, "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
+        if (!joined_)
+            result_ = sqlite3_exec(db_, mode == Immediate ? "BEGIN IMMEDIATE" : "BEGIN TRANSACTION",
+                                   nullptr, nullptr, nullptr);
+        open_ = result_ == SQLITE_OK;
     }
     ~Transaction()
     {
-        if (!committed_)
+        if (open_)
             sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     }
     Transaction(Transaction const&) = delete;
     Transaction& operator=(Transaction const&) = delete;
 
-    // Whether COMMIT succeeded. A failed COMMIT leaves the transaction open;
-    // it is then rolled back on destruction, like one never committed.
+    // Whether the transaction began (or joined one). When it did not,
+    // result() says why (SQLITE_BUSY when another process kept the lock),
+    // and statements run now would each commit on their own.
+    bool active() const { return open_; }
+
+    // Whether COMMIT succeeded. A COMMIT that fails is rolled back at once,
+    // so that the connection never stays inside a transaction whose writes
+    // were reported lost; result() then says why.
     bool commit()
     {
-        committed_ = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
-        return committed_;
+        if (!open_)
+            return false;
+        open_ = false;
+        if (joined_)
+            return true;
+        result_ = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+        if (result_ == SQLITE_OK)
+            return true;
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        return false;
     }
+
+    // The result of the BEGIN or COMMIT that failed; SQLITE_OK otherwise.
+    int result() const { return result_; }
 
 private:
     sqlite3* db_;
-    bool committed_;
+    bool joined_;
+    bool open_ = false;
+    int result_ = SQLITE_OK;
 };
 
 class SEALKEEP_EXPORT Database {
 public:
     // The enums have a fixed underlying type, so that any int converts to
     // them with a defined value. The operations refuse a value outside the
-    // enumerators (false), except readDeveloperModeConfig, which reports it
-    // and reads the runtime file.
+    // enumerators (false, and nothing stored or removed), except
+    // readDeveloperModeConfig, which reports it and reads the runtime file.
     enum RevocationType : int { Superseded = 0, Blacklisted = 1 };
     enum RevokedKeyidsOperation : int { Insert = 0, Remove = 1 };
     enum DeveloperModeConfigType : int { Initial = 0, Runtime = 1 };
