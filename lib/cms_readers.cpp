@@ -83,12 +83,16 @@ extern "C" {
 
 CMS_ContentInfo* cms_from_der(const unsigned char* buf, long len)
 {
-    // A negative length or missing buffer cannot describe DER; refusing here
-    // keeps such a call from reaching a memory BIO that would run strlen().
-    if (!buf || len < 0) {
+    // A negative length cannot describe DER; refusing here keeps such a call
+    // from reaching a memory BIO that would run strlen().
+    if (len < 0) {
         fprintf(stderr, "Could not decode DER CMS\n");
         return nullptr;
     }
+    // No memory BIO is made over no bytes (an empty block, an empty Cms), and
+    // that failure is silent.
+    if (!buf || len == 0)
+        return nullptr;
     BioPtr bio(bioOverBytes(buf, static_cast<std::size_t>(len)));
     if (!bio)
         return nullptr;

@@ -41,7 +41,7 @@ extern "C" {
 
 /* One signed payload file: its index in the package's file list and its
  * signature blob. */
-typedef struct FileSignature_st {
+typedef struct FileSignature {
     ASN1_INTEGER *index;
     ASN1_OCTET_STRING *value;
 } FileSignature;
