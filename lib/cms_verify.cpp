@@ -18,6 +18,7 @@
 #include <glib.h>
 #include <openssl/err.h>
 
+#include "cms_rotation_chain.hpp"
 #include "common/digests.hpp"
 #include "common/ossl_ptr.hpp"
 #include "common/streaming_bio.hpp"
@@ -71,10 +72,16 @@ bool verifyDetached(BIO* covered, CMS_ContentInfo* cms, X509_STORE* store)
 }
 
 // A rotation chain that does not decode has printed its message and counts
-// as absent, like a signature without rotation.
+// as absent, like a signature without rotation. One longer than the limit is
+// refused, not ignored: the signer did claim a rotation.
 bool verifyRotation(CMS_ContentInfo* cms)
 {
-    ChainPtr chain(cms_get_rotation_chain(cms));
+    bool tooLong = false;
+    ChainPtr chain(readRotationChain(cms, &tooLong));
+    if (tooLong) {
+        fprintf(stderr, "Proof-of-rotation chain verification failed\n");
+        return false;
+    }
     if (!chain)
         return true;
     if (ProofOfRotationChain_verify(chain.get()) < 1) {

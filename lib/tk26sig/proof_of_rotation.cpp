@@ -10,14 +10,10 @@
 #include "common/digests.hpp"
 #include "common/open_file.hpp"
 #include "common/ossl_ptr.hpp"
+#include "common/rotation_limit.hpp"
 
 namespace sealkeep {
 namespace {
-
-// The most rotations a chain may hold. A key rotated every month for five
-// years makes 60; checking costs two signature verifications per proof, so
-// without a bound the sender of a signature decides how long it takes.
-constexpr int maxRotations = 64;
 
 constexpr const char* oldKeyFailure = "Could not sign proof-of-rotation with old key\n";
 constexpr const char* newKeyFailure = "Could not sign proof-of-rotation with new key\n";
@@ -242,10 +238,8 @@ int ProofOfRotationChain_verify(ProofOfRotationChain* chain)
 {
     Asn1OctetStringPtr previousNewId;
     int count = ProofOfRotationChain_count(chain);
-    if (count > maxRotations) {
-        fprintf(stderr, "Proof-of-rotation chain has %d proofs, more than the limit of %d\n", count, maxRotations);
+    if (rotationCountExceedsLimit(count))
         return 0;
-    }
     for (int i = 0; i < count; ++i) {
         int verified = verifyLink(sk_ProofOfRotation_value(chain, i), i, previousNewId);
         if (verified < 1)
