@@ -12,7 +12,6 @@
 
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <type_traits>
 
@@ -50,16 +49,6 @@ void writeSparseFile(std::string const& path, long long size, Bytes const& tail)
     close(fd);
 }
 
-long peakResidentKib()
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmHWM:", 0) == 0)
-            return std::stol(line.substr(6));
-    return -1;
-}
-
 struct Cost {
     bool finished = false;    // within the time bound
     bool result = false;      // what the operation returned
@@ -77,7 +66,7 @@ Cost costOf(std::function<bool()> const& operation, int timeoutMs = quickMs)
             std::signal(SIGXFSZ, SIG_IGN);
             struct rlimit small{1 << 20, 1 << 20};
             setrlimit(RLIMIT_FSIZE, &small);
-            std::ofstream("/proc/self/clear_refs") << "5";
+            resetPeakResident();
             bool result = operation();
             fprintf(stderr, "\npeak %ld\n", peakResidentKib());
             return result ? 0 : 1;

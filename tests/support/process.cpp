@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 #include <fcntl.h>
@@ -146,6 +148,21 @@ ChildResult runInChild(std::function<int()> const& body, int timeoutMs)
     if (!result.timedOut)
         result.exitCode = exitCodeOf(status);
     return result;
+}
+
+void resetPeakResident()
+{
+    std::ofstream("/proc/self/clear_refs") << "5";
+}
+
+long peakResidentKib()
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmHWM:", 0) == 0)
+            return std::stol(line.substr(6));
+    return -1;
 }
 
 }  // namespace sealkeep::test
