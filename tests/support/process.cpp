@@ -155,14 +155,29 @@ void resetPeakResident()
     std::ofstream("/proc/self/clear_refs") << "5";
 }
 
-long peakResidentKib()
+namespace {
+
+// A "Name:   value kB" line of /proc/self/status, in KiB; -1 if missing.
+long statusKib(std::string const& name)
 {
     std::ifstream status("/proc/self/status");
     std::string line;
     while (std::getline(status, line))
-        if (line.rfind("VmHWM:", 0) == 0)
-            return std::stol(line.substr(6));
+        if (line.rfind(name + ":", 0) == 0)
+            return std::stol(line.substr(name.size() + 1));
     return -1;
+}
+
+}  // namespace
+
+long peakResidentKib()
+{
+    return statusKib("VmHWM");
+}
+
+long residentKib()
+{
+    return statusKib("VmRSS");
 }
 
 }  // namespace sealkeep::test

@@ -40,6 +40,8 @@ ChildResult runInChild(std::function<int()> const& body, int timeoutMs);
 void resetPeakResident();
 // The peak resident memory of this process in KiB (VmHWM), -1 if unknown.
 long peakResidentKib();
+// The resident memory of this process now, in KiB (VmRSS), -1 if unknown.
+long residentKib();
 
 }  // namespace sealkeep::test
 
