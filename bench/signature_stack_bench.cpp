@@ -1,9 +1,9 @@
 // Speed of the signature stack on packages of growing size:
 //  - listing the signatures maps the file and reads only the block headers,
 //    so its time must not grow with the package;
-//  - verifying hands the covered bytes to OpenSSL from the read-only mapping,
-//    so it should run close to one GOST R 34.11-2012 pass over the package
-//    (about 105-115 MB/s on one core of the reference machine);
+//  - verifying streams the covered bytes from the file into OpenSSL, so it
+//    should run close to one GOST R 34.11-2012 pass over the package (see
+//    large_package_bench.cpp for the comparison with that floor);
 //  - signing copies the range once into a temporary file, then digests it.
 //
 //   sealkeep_bench [--benchmark_filter=...]

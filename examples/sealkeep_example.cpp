@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
+
 using namespace PackageSignatures;
 
 namespace {
@@ -85,7 +87,10 @@ int list(std::vector<std::string> const& args)
     if (!file)
         return 1;
     auto cmses = file->cmses();
-    std::cout << args[0] << (file->isRpmPackage() ? " (RPM package): " : ": ") << cmses.size()
+    // isRpmPackage() waits forever on a file shorter than the RPM lead.
+    struct stat st {};
+    bool rpm = fstat(file->fd(), &st) == 0 && st.st_size >= 4 && file->isRpmPackage();
+    std::cout << args[0] << (rpm ? " (RPM package): " : ": ") << cmses.size()
               << " signature(s)" << std::endl;
     for (std::size_t i = 0; i < cmses.size(); ++i) {
         auto certificate = cmses[i].certificate();

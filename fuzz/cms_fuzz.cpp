@@ -21,6 +21,7 @@ static void readFileSignatures(CMS_ContentInfo* cms, int which)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    sealkeep::fuzz::ClearErrorsOnExit clearErrors;
     CMS_ContentInfo* cms = cms_from_der(data, static_cast<long>(size));
     if (!cms)
         return 0;

@@ -1,20 +1,89 @@
-// Writes seed corpora for the fuzz targets from real material: a CA file,
-// signed files with one to three blocks, each block's CMS, and rotation
-// chains.
+// Writes seed corpora for the fuzz targets from real material: a CA file and
+// its key, signed files with one to three blocks, each block's CMS alone and
+// with the bytes it covers, rotation chains in DER and PEM, certificates,
+// keys and a certificate request.
 //
 //   make_fuzz_seeds OUTDIR
-// creates OUTDIR/ca.pem, OUTDIR/signed_file/, OUTDIR/cms/, OUTDIR/rotation_chain/.
+// creates OUTDIR/ca.pem, OUTDIR/ca.key, OUTDIR/stack-prefix (a package with a
+// valid developer signature) and one directory of seeds per target.
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
 #include <glib.h>
 #include <sealkeep/sealkeep.hpp>
 
+#include "common/digests.hpp"
+#include "signed_file_layout.hpp"
+#include "support/cms_builder.hpp"
 #include "support/files.hpp"
 #include "support/pki.hpp"
 #include "support/signing.hpp"
 
 using namespace sealkeep::test;
+
+namespace {
+
+Bytes afterPrefix(Bytes const& whole, Bytes const& prefix)
+{
+    return Bytes(whole.begin() + static_cast<long>(prefix.size()), whole.end());
+}
+
+// [4-byte big-endian length of der][der][covered], the input of cms_verify_fuzz.
+Bytes verifyInput(Bytes const& der, Bytes const& covered)
+{
+    auto n = static_cast<std::uint32_t>(der.size());
+    Bytes input{static_cast<unsigned char>(n >> 24), static_cast<unsigned char>(n >> 16),
+                static_cast<unsigned char>(n >> 8), static_cast<unsigned char>(n)};
+    return concat({input, der, covered});
+}
+
+void writeCmsVerifySeeds(std::string const& out, Pki& pki, std::string const& path)
+{
+    const Bytes signedFile = readFile(path);
+    FILE* stream = fopen(path.c_str(), "r");
+    auto locations = PackageSignatures::locateCmses(stream);
+    fclose(stream);
+    auto bytes = [&](std::int64_t begin, std::int64_t end) {
+        return Bytes(signedFile.begin() + begin, signedFile.begin() + end);
+    };
+    // The first block covers the package (its frame prefix excluded), each
+    // later one the previous CMS and its header.
+    Bytes package = bytes(0, locations[0].begin - 8);
+    writeFile(out + "/cms_verify/developer", verifyInput(bytes(locations[0].begin, locations[0].end), package));
+    for (std::size_t i = 1; i < locations.size(); ++i)
+        writeFile(out + "/cms_verify/countersignature" + std::to_string(i),
+                  verifyInput(bytes(locations[i].begin, locations[i].end),
+                              bytes(locations[i - 1].begin, locations[i - 1].end + 12)));
+
+    // Attached signatures carry the digest of the covered bytes; one of them
+    // a digest of the wrong length.
+    LoadedSigner developer = loadSigner(pki.developer());
+    auto digest = sealkeep::gostDigestOf(package.data(), package.size());
+    writeFile(out + "/cms_verify/attached", verifyInput(attachedCms(*digest, developer.borrowed()), package));
+    writeFile(out + "/cms_verify/attached-long",
+              verifyInput(attachedCms(concat({*digest, *digest}), developer.borrowed()), package));
+}
+
+void writeCertificateSeeds(std::string const& out, Pki& pki)
+{
+    X509* certificate = certificate_read(pki.developer().certPath.c_str());
+    unsigned char* der = nullptr;
+    int length = i2d_X509(certificate, &der);
+    writeFile(out + "/certificate/developer", Bytes(der, der + length));
+    OPENSSL_free(der);
+    X509_free(certificate);
+
+    writeFile(out + "/pem_readers/certificate", readFile(pki.developer().certPath));
+    writeFile(out + "/pem_readers/ca", readFile(pki.ca().certPath));
+    writeFile(out + "/pem_readers/key", readFile(pki.developer().keyPath));
+
+    std::string csrPath = pki.dir().file("request.csr");
+    writeRequest(pki.developer().keyPath, csrPath, "fuzzed request");
+    writeFile(out + "/certificate_request/request", readFile(csrPath));
+}
+
+}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -23,11 +92,14 @@ int main(int argc, char** argv)
         return 2;
     }
     const std::string out = argv[1];
-    for (const char* sub : {"signed_file", "cms", "rotation_chain"})
+    for (const char* sub : {"signed_file", "cms", "rotation_chain", "cms_verify", "signature_stack",
+                            "rotation_chain_pem", "certificate", "pem_readers", "certificate_request"})
         g_mkdir_with_parents((out + "/" + sub).c_str(), 0755);
 
     Pki pki;
     writeFile(out + "/ca.pem", readFile(pki.ca().certPath));
+    writeFile(out + "/ca.key", readFile(pki.ca().keyPath));
+    writeCertificateSeeds(out, pki);
 
     std::string chainPath = pki.dir().file("chain.pem");
     Identity next = pki.issue("rotated developer", "developer");
@@ -37,6 +109,7 @@ int main(int argc, char** argv)
     unsigned char* der = nullptr;
     int length = i2d_ProofOfRotationChain(chain, &der);
     writeFile(out + "/rotation_chain/one", Bytes(der, der + length));
+    writeFile(out + "/rotation_chain_pem/one", readFile(chainPath));
     OPENSSL_free(der);
 
     std::string path = pki.dir().file("package");
@@ -44,16 +117,21 @@ int main(int argc, char** argv)
     SignOptions withChain = framed();
     withChain.chain = chain;
     signFile(path, next, withChain);
-    writeFile(out + "/signed_file/developer", readFile(path));
+    const Bytes developerSigned = readFile(path);
+    writeFile(out + "/signed_file/developer", developerSigned);
+    writeFile(out + "/stack-prefix", developerSigned);
     signFile(path, pki.seclab());
     writeFile(out + "/signed_file/developer-seclab", readFile(path));
+    writeFile(out + "/signature_stack/seclab", afterPrefix(readFile(path), developerSigned));
     signFile(path, pki.client(), framed());
     writeFile(out + "/signed_file/developer-seclab-client", readFile(path));
+    writeFile(out + "/signature_stack/seclab-client", afterPrefix(readFile(path), developerSigned));
     ProofOfRotationChain_free(chain);
 
     auto file = PackageSignatures::FileWithCmses::fromPath(path.c_str(), "r");
     int i = 0;
     for (auto const& cms : file->cmses())
         writeFile(out + "/cms/block" + std::to_string(i++), cms.data());
+    writeCmsVerifySeeds(out, pki, path);
     return 0;
 }

@@ -2,8 +2,11 @@
 // object form with its previous key ids.
 #include <sealkeep/sealkeep.hpp>
 
+#include "fuzz_input.hpp"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    sealkeep::fuzz::ClearErrorsOnExit clearErrors;
     const unsigned char* cursor = data;
     ProofOfRotationChain* chain = d2i_ProofOfRotationChain(nullptr, &cursor, static_cast<long>(size));
     if (!chain)

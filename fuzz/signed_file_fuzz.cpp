@@ -12,6 +12,7 @@ using namespace PackageSignatures;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    sealkeep::fuzz::ClearErrorsOnExit clearErrors;
     int fd = memfd_create("signed-file", 0);
     if (fd < 0)
         return 0;

@@ -11,9 +11,11 @@
 #include <sealkeep/sealkeep.h>
 
 #include "base64_size.hpp"
+#include "cms_rotation_chain.hpp"
 #include "common/bio_source.hpp"
 #include "common/objects.hpp"
 #include "common/ossl_ptr.hpp"
+#include "common/rotation_limit.hpp"
 
 namespace sealkeep {
 namespace {
@@ -47,14 +49,20 @@ X509_ATTRIBUTE* firstSignedAttribute(CMS_SignerInfo* signer, int nid)
     return index < 0 ? nullptr : CMS_signed_get_attr(signer, index);
 }
 
+// The first value of an attribute as a SEQUENCE; null for any other type or
+// a missing value.
+ASN1_STRING* sequenceValue(X509_ATTRIBUTE* attribute)
+{
+    return static_cast<ASN1_STRING*>(X509_ATTRIBUTE_get0_data(attribute, 0, V_ASN1_SEQUENCE, nullptr));
+}
+
 // Decodes the first value of an attribute, which holds the whole DER of one
 // structure as a SEQUENCE. A value of any other type, or a missing one, counts
 // as undecodable rather than being trusted.
 template <typename T, T* (*decode)(T**, const unsigned char**, long)>
 T* decodeSequenceValue(X509_ATTRIBUTE* attribute, const char* failureMessage)
 {
-    auto* value = static_cast<ASN1_STRING*>(
-        X509_ATTRIBUTE_get0_data(attribute, 0, V_ASN1_SEQUENCE, nullptr));
+    ASN1_STRING* value = sequenceValue(attribute);
     T* decoded = nullptr;
     if (value) {
         const unsigned char* der = ASN1_STRING_get0_data(value);
@@ -75,6 +83,28 @@ std::size_t base64BufferSize(int n)
     return (4 * static_cast<std::size_t>(n) + 12) / 3 + 1;
 }
 
+// Proofs beyond the limit are counted in the DER and refused before any is
+// decoded: decoding alone costs two certificates per proof.
+ProofOfRotationChain* readRotationChain(CMS_ContentInfo* cms, bool* tooLong)
+{
+    *tooLong = false;
+    CMS_SignerInfo* signer = singleSigner(cms);
+    if (!signer)
+        return nullptr;
+    X509_ATTRIBUTE* attribute = firstSignedAttribute(signer, rotationChainNid);
+    if (!attribute)
+        return nullptr;  // the usual case: the signing key was never rotated
+    if (ASN1_STRING* value = sequenceValue(attribute)) {
+        int count = sequenceElementCount(ASN1_STRING_get0_data(value), ASN1_STRING_length(value));
+        if (rotationCountExceedsLimit(count)) {
+            *tooLong = true;
+            return nullptr;
+        }
+    }
+    return decodeSequenceValue<ProofOfRotationChain, d2i_ProofOfRotationChain>(
+        attribute, "Could not deserialize ProofOfRotationChain sequence\n");
+}
+
 }  // namespace sealkeep
 
 using namespace sealkeep;
@@ -83,12 +113,16 @@ extern "C" {
 
 CMS_ContentInfo* cms_from_der(const unsigned char* buf, long len)
 {
-    // A negative length or missing buffer cannot describe DER; refusing here
-    // keeps such a call from reaching a memory BIO that would run strlen().
-    if (!buf || len < 0) {
+    // A negative length cannot describe DER; refusing here keeps such a call
+    // from reaching a memory BIO that would run strlen().
+    if (len < 0) {
         fprintf(stderr, "Could not decode DER CMS\n");
         return nullptr;
     }
+    // No memory BIO is made over no bytes (an empty block, an empty Cms), and
+    // that failure is silent.
+    if (!buf || len == 0)
+        return nullptr;
     BioPtr bio(bioOverBytes(buf, static_cast<std::size_t>(len)));
     if (!bio)
         return nullptr;
@@ -152,14 +186,8 @@ FileSignatures* cms_get_file_signatures(CMS_ContentInfo* cms, int which)
 
 ProofOfRotationChain* cms_get_rotation_chain(CMS_ContentInfo* cms)
 {
-    CMS_SignerInfo* signer = singleSigner(cms);
-    if (!signer)
-        return nullptr;
-    X509_ATTRIBUTE* attribute = firstSignedAttribute(signer, rotationChainNid);
-    if (!attribute)
-        return nullptr;  // the usual case: the signing key was never rotated
-    return decodeSequenceValue<ProofOfRotationChain, d2i_ProofOfRotationChain>(
-        attribute, "Could not deserialize ProofOfRotationChain sequence\n");
+    bool tooLong = false;
+    return readRotationChain(cms, &tooLong);
 }
 
 }  // extern "C"

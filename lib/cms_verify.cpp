@@ -5,6 +5,11 @@
 // directly. An attached CMS carries the GOST R 34.11-2012 256-bit digest of
 // the covered bytes as its content and signs that, so a large package can be
 // signed by its digest.
+//
+// The covered bytes reach OpenSSL as a stream (see common/streaming_bio.hpp),
+// so their size costs time but never memory or a temporary file.
+#include "cms_verify_content.hpp"
+
 #include <sealkeep/sealkeep.h>
 
 #include <cstdio>
@@ -13,9 +18,10 @@
 #include <glib.h>
 #include <openssl/err.h>
 
-#include "common/bio_source.hpp"
+#include "cms_rotation_chain.hpp"
 #include "common/digests.hpp"
 #include "common/ossl_ptr.hpp"
+#include "common/streaming_bio.hpp"
 
 namespace {
 
@@ -27,7 +33,7 @@ bool failVerification()
     return false;
 }
 
-bool verifyAttached(const unsigned char* data, long len, CMS_ContentInfo* cms, X509_STORE* store)
+bool verifyAttached(BIO* covered, CMS_ContentInfo* cms, X509_STORE* store)
 {
     BioPtr out(BIO_new(BIO_s_mem()));
     if (!out)
@@ -39,7 +45,7 @@ bool verifyAttached(const unsigned char* data, long len, CMS_ContentInfo* cms, X
     char* content = nullptr;
     long contentLength = BIO_get_mem_data(out.get(), &content);
 
-    auto digest = gostDigestOf(data, len > 0 ? static_cast<size_t>(len) : 0);
+    auto digest = gostDigestOfBio(covered);
     if (!digest) {
         fprintf(stderr, "Could not calculate digest for data\n");
         return failVerification();
@@ -56,12 +62,9 @@ bool verifyAttached(const unsigned char* data, long len, CMS_ContentInfo* cms, X
     return true;
 }
 
-bool verifyDetached(const unsigned char* data, long len, CMS_ContentInfo* cms, X509_STORE* store)
+bool verifyDetached(BIO* covered, CMS_ContentInfo* cms, X509_STORE* store)
 {
-    BioPtr content(bioOverBytes(data, len > 0 ? static_cast<size_t>(len) : 0));
-    if (!content)
-        return failVerification();
-    if (CMS_verify(cms, nullptr, store, content.get(), nullptr, CMS_BINARY) != 1) {
+    if (CMS_verify(cms, nullptr, store, covered, nullptr, CMS_BINARY) != 1) {
         ERR_print_errors_fp(stderr);
         return failVerification();
     }
@@ -69,10 +72,16 @@ bool verifyDetached(const unsigned char* data, long len, CMS_ContentInfo* cms, X
 }
 
 // A rotation chain that does not decode has printed its message and counts
-// as absent, like a signature without rotation.
+// as absent, like a signature without rotation. One longer than the limit is
+// refused, not ignored: the signer did claim a rotation.
 bool verifyRotation(CMS_ContentInfo* cms)
 {
-    ChainPtr chain(cms_get_rotation_chain(cms));
+    bool tooLong = false;
+    ChainPtr chain(readRotationChain(cms, &tooLong));
+    if (tooLong) {
+        fprintf(stderr, "Proof-of-rotation chain verification failed\n");
+        return false;
+    }
     if (!chain)
         return true;
     if (ProofOfRotationChain_verify(chain.get()) < 1) {
@@ -94,13 +103,43 @@ bool verifyRotation(CMS_ContentInfo* cms)
     return true;
 }
 
+// The readers answer only for a CMS with exactly one signer, so a second
+// signer would go unseen by them: its rotation chain would read as absent and
+// every accessor would answer empty for a signature that was accepted.
+bool hasOneSigner(CMS_ContentInfo* cms)
+{
+    STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms);
+    int count = signers ? sk_CMS_SignerInfo_num(signers) : 0;
+    if (count == 1)
+        return true;
+    fprintf(stderr, "CMS verification needs exactly one signer (found: %d)\n", count);
+    return false;
+}
+
 }  // namespace
+
+namespace sealkeep {
+
+bool verifyCmsContent(BIO* content, CMS_ContentInfo* cms, X509_STORE* store)
+{
+    // Whatever earlier calls left in OpenSSL's error queue (reading the CA
+    // store, for one) is not part of this check's report.
+    ERR_clear_error();
+    if (!cms || !content)
+        return failVerification();
+    if (!hasOneSigner(cms))
+        return failVerification();
+    bool signatureValid = CMS_is_detached(cms) ? verifyDetached(content, cms, store)
+                                               : verifyAttached(content, cms, store);
+    return signatureValid && verifyRotation(cms);
+}
+
+}  // namespace sealkeep
 
 extern "C" bool cms_verify(const unsigned char* data, long len, CMS_ContentInfo* cms, X509_STORE* store)
 {
-    if (!cms || (!data && len > 0))
+    if (!data && len > 0)
         return failVerification();
-    bool signatureValid = CMS_is_detached(cms) ? verifyDetached(data, len, cms, store)
-                                               : verifyAttached(data, len, cms, store);
-    return signatureValid && verifyRotation(cms);
+    BioPtr content(bioStreamingBytes(data, len > 0 ? static_cast<size_t>(len) : 0));
+    return verifyCmsContent(content.get(), cms, store);
 }

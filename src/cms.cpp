@@ -27,6 +27,9 @@ struct Cms::Record {
     std::shared_ptr<Certificate> certificate;
     std::shared_ptr<RotationChain> rotationChain;
     sealkeep::CmsPtr parsed;  // destroyed first: members go in reverse order
+    // The bytes were tried and do not decode. Remembered so that each
+    // accessor does not parse them again (and report it again).
+    bool undecodable = false;
 
     SignatureTable& table(int which) { return which == trustletTable ? trustletSignatures : fileSignatures; }
 };
@@ -62,12 +65,14 @@ void Cms::assign(std::vector<unsigned char> const& der)
 {
     record_->data = der;
     record_->fileSignatures.clear();
+    record_->undecodable = false;  // that verdict was about the former bytes
 }
 
 void Cms::assignRaw(unsigned char const* der, unsigned long len)
 {
     record_->data.assign(der, der + len);
     record_->fileSignatures.clear();
+    record_->undecodable = false;
 }
 
 bool Cms::operator==(Cms const& other) const
@@ -77,8 +82,10 @@ bool Cms::operator==(Cms const& other) const
 
 CMS_ContentInfo* Cms::parsed() const
 {
-    if (!record_->parsed)
+    if (!record_->parsed && !record_->undecodable) {
         record_->parsed.reset(cms_from_der(record_->data.data(), static_cast<long>(record_->data.size())));
+        record_->undecodable = !record_->parsed;
+    }
     return record_->parsed.get();
 }
 

@@ -56,12 +56,7 @@ bool FileWithCmses::isRpmPackage()
 // Cms, and one that is not DER fails only when it is parsed.
 std::vector<Cms> FileWithCmses::cmses() const
 {
-    std::vector<Cms> found;
-    auto locations = locateCmses(file_);
-    found.reserve(locations.size());
-    for (auto const& loc : locations)
-        found.emplace_back(readFileRange(file_, static_cast<long>(loc.begin), static_cast<long>(loc.end)));
-    return found;
+    return readCmses(file_, locateCmses(file_));
 }
 
 bool FileWithCmses::deleteCmses(bool onlyLast)

@@ -91,10 +91,7 @@ bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsi
     const Group group = groupOf(certificate);
 
     auto locations = locateCmses(file_);
-    std::vector<Cms> present;
-    present.reserve(locations.size());
-    for (auto const& loc : locations)
-        present.emplace_back(readFileRange(file_, static_cast<long>(loc.begin), static_cast<long>(loc.end)));
+    std::vector<Cms> present = readCmses(file_, locations);
 
     if (replace && !locations.empty()) {
         if (present.back().certificate()->group() == group) {

@@ -7,12 +7,18 @@
 // signature covers only the previous signature's CMS and header, so each
 // countersigns the one before it. A block's own frame prefix is never
 // covered; whether a block is framed is decided by the bytes in front of it.
+//
+// The covered bytes are streamed from the file with pread into the checks:
+// nothing is mapped or copied, so a package of any size verifies in a few
+// kilobytes of buffers, and a file cut short meanwhile fails cleanly.
 #include <optional>
 
 #include <sealkeep/file_with_cmses.hpp>
 #include <sealkeep/sealkeep.h>
 
+#include "cms_verify_content.hpp"
 #include "common/ossl_ptr.hpp"
+#include "common/streaming_bio.hpp"
 #include "signature_stack.hpp"
 #include "signed_file_layout.hpp"
 
@@ -35,8 +41,7 @@ std::optional<std::int64_t> coveredEnd(FILE* file, CmsLocation const& loc)
     if (loc.begin < frameHeaderSize)
         return loc.begin;
     static const std::vector<unsigned char> frameMagic{0x50, 0x2A, 0x4D, 0x18};
-    auto bytes = readFileRange(file, static_cast<long>(loc.begin - frameHeaderSize),
-                               static_cast<long>(loc.begin - frameHeaderSize + 4));
+    auto bytes = readFileRangeWithin(file, loc.begin - frameHeaderSize, loc.begin - frameHeaderSize + 4);
     if (bytes.empty() || bytes == frameMagic)
         return loc.begin - frameHeaderSize;
     return loc.begin;
@@ -78,20 +83,17 @@ bool FileWithCmses::verifyCmses(char const* caPath)
     auto locations = locateCmses(file_);
     if (locations.empty() || locations.size() > maxSignatures)
         return false;
-    ReadOnlyMapping map(file_);
-    if (!map.valid())
-        return false;
 
     for (std::size_t i = locations.size(); i-- > 0;) {
         auto range = coveredRange(file_, locations, i);
         if (!range)
             return false;
-        Cms cms(readFileRange(file_, static_cast<long>(locations[i].begin), static_cast<long>(locations[i].end)));
+        Cms cms(readFileRangeWithin(file_, locations[i].begin, locations[i].end));
         CMS_ContentInfo* parsed = cms.parsed();
         if (!parsed)
             return false;
-        if (!cms_verify(map.data() + range->begin, static_cast<long>(range->end - range->begin), parsed,
-                        store.get()))
+        sealkeep::BioPtr covered(sealkeep::bioOverFileRange(fd(), range->begin, range->end));
+        if (!sealkeep::verifyCmsContent(covered.get(), parsed, store.get()))
             return false;
         if (!groupAllowedAt(i, cms.certificate()->group()))
             return false;

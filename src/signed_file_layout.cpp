@@ -41,19 +41,19 @@ ReadOnlyMapping::~ReadOnlyMapping()
 std::vector<CmsLocation> locateCmses(FILE* file)
 {
     std::vector<CmsLocation> found;
-    ReadOnlyMapping map(file);
-    if (!map.valid())
-        return found;
-
-    std::int64_t remaining = map.size();
-    while (auto header = CmsHeader::read(map.data(), static_cast<long>(remaining))) {
+    std::int64_t remaining = sizeOf(file);
+    while (found.size() < maxScannedBlocks && remaining >= static_cast<std::int64_t>(CmsHeader().size())) {
+        const auto headerSize = static_cast<std::int64_t>(CmsHeader().size());
+        auto bytes = readFileRangeWithin(file, remaining - headerSize, remaining);
+        auto header = CmsHeader::read(bytes.data(), static_cast<long>(bytes.size()));
+        if (!header)
+            break;
         // A legacy header stores 64 bits, so a hostile length can be negative
         // or overflow the sum: both end the scan like any length that does not
-        // fit in front of its header.
-        const auto headerSize = static_cast<std::int64_t>(header->size());
-        if (header->length < 0 || remaining - headerSize < header->length)
+        // fit in front of its header, and so does one beyond the limit.
+        if (header->length < 0 || header->length > maxCmsLength || remaining - headerSize < header->length)
             break;
-        remaining -= static_cast<std::int64_t>(header->size()) + header->length;
+        remaining -= headerSize + header->length;
         found.push_back(CmsLocation{remaining, remaining + header->length, *header});
         if (remaining >= frameHeaderSize && header->version == 3)
             remaining -= frameHeaderSize;
@@ -62,21 +62,52 @@ std::vector<CmsLocation> locateCmses(FILE* file)
     return found;
 }
 
+namespace {
+
+// pread()s until len bytes are in or a read fails. The end of the file is
+// retried (the contract of readFileRange) unless stopAtEnd.
+bool preadAll(int fd, unsigned char* out, std::size_t len, std::int64_t at, bool stopAtEnd)
+{
+    std::size_t done = 0;
+    while (done < len) {
+        std::size_t piece = std::min(sealkeep::ioPieceSize, len - done);
+        ssize_t got = pread(fd, out + done, piece, static_cast<off_t>(at + static_cast<std::int64_t>(done)));
+        if (got == -1 || (got == 0 && stopAtEnd))
+            return false;
+        done += static_cast<std::size_t>(got);
+    }
+    return true;
+}
+
+std::vector<unsigned char> readRange(FILE* file, std::int64_t begin, std::int64_t end, bool stopAtEnd)
+{
+    if (!file || end <= begin || begin < 0)
+        return {};
+    std::vector<unsigned char> bytes(static_cast<std::size_t>(end - begin), 0);
+    if (!preadAll(fileno(file), bytes.data(), bytes.size(), begin, stopAtEnd))
+        return {};
+    return bytes;
+}
+
+}  // namespace
+
 std::vector<unsigned char> readFileRange(FILE* file, long begin, long end)
 {
-    if (!file || end <= begin)
-        return {};
-    std::vector<unsigned char> bytes(static_cast<size_t>(end - begin), 0);
-    const int fd = fileno(file);
-    size_t done = 0;
-    while (done < bytes.size()) {
-        size_t piece = std::min(sealkeep::ioPieceSize, bytes.size() - done);
-        ssize_t got = pread(fd, bytes.data() + done, piece, begin + static_cast<off_t>(done));
-        if (got == -1)
-            return {};
-        done += static_cast<size_t>(got);
-    }
-    return bytes;
+    return readRange(file, begin, end, false);
+}
+
+std::vector<unsigned char> readFileRangeWithin(FILE* file, std::int64_t begin, std::int64_t end)
+{
+    return readRange(file, begin, end, true);
+}
+
+std::vector<Cms> readCmses(FILE* file, std::vector<CmsLocation> const& locations)
+{
+    std::vector<Cms> cmses;
+    cmses.reserve(locations.size());
+    for (auto const& loc : locations)
+        cmses.emplace_back(readFileRangeWithin(file, loc.begin, loc.end));
+    return cmses;
 }
 
 long cutOffsetOf(CmsLocation const& loc)

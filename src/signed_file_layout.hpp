@@ -9,9 +9,25 @@
 
 #include <sealkeep/file_with_cmses.hpp>
 
+#include "signature_stack.hpp"
+
 namespace PackageSignatures {
 
 constexpr long frameHeaderSize = 8;  // skippable-frame magic + frame size
+
+// The largest CMS a block may hold. An honest signature carries one IMA
+// record per payload file (about 160 bytes with its DER framing for a
+// GOST-512 key), so a package of 100,000 files needs about 16 MiB; twice
+// that leaves room for trusted-application headers. A header claiming more
+// ends the scan like a header longer than the file: it would make every
+// reader of the block allocate whatever the sender wrote in 12 bytes.
+constexpr std::int64_t maxCmsLength = 32 * 1024 * 1024;
+
+// How many blocks the backward scan collects before it stops. A valid stack
+// holds three; one more tells verification that there are too many and lets
+// signing see a full stack. Without it, megabytes of empty headers would
+// become a million blocks.
+constexpr std::size_t maxScannedBlocks = maxSignatures + 1;
 
 // One block found by the backward scan.
 struct CmsLocation {
@@ -39,7 +55,9 @@ private:
     std::int64_t size_ = 0;
 };
 
-// The blocks appended to the file, in file order. Reads only the headers.
+// The blocks appended to the file, in file order: at most maxScannedBlocks
+// (the newest ones), each at most maxCmsLength long. Reads only the headers,
+// with pread, so a file truncated meanwhile just ends the scan.
 std::vector<CmsLocation> locateCmses(FILE* file);
 
 // The bytes [begin, end) of the file, read with pread in pieces of at most
@@ -47,6 +65,14 @@ std::vector<CmsLocation> locateCmses(FILE* file);
 // fails. A range reaching past the end of the file never completes: callers
 // only pass ranges inside the file.
 std::vector<unsigned char> readFileRange(FILE* file, long begin, long end);
+
+// Like readFileRange, but the end of the file ends the read as a failure
+// (empty result), so a file truncated after it was scanned cannot stall.
+std::vector<unsigned char> readFileRangeWithin(FILE* file, std::int64_t begin, std::int64_t end);
+
+// The CMS bytes of each block, one Cms per location in the same order; a
+// block that cannot be read becomes an empty Cms.
+std::vector<Cms> readCmses(FILE* file, std::vector<CmsLocation> const& locations);
 
 // Where a cut removes the block at loc, together with its frame prefix when
 // the block is version 3.

@@ -199,14 +199,31 @@ TEST_F(CmsObject, SignatureIsTheBase64SignatureValue)
     EXPECT_EQ(88u, text.size());  // 64 bytes of GOST R 34.10-2012 256-bit signature
 }
 
-TEST_F(CmsObject, GarbageAnswersEmptyAndIsParsedAgainOnEachUse)
+TEST_F(CmsObject, GarbageAnswersEmptyAndIsParsedOnlyOnce)
 {
     Cms cms(Bytes{1, 2, 3});
     EXPECT_EQ("Could not decode DER CMS\n", stderrOf([&] { EXPECT_EQ("", cms.signature()); }));
-    EXPECT_EQ("Could not decode DER CMS\n", stderrOf([&] { EXPECT_EQ("", cms.signature()); }));
-    EXPECT_EQ("Could not decode DER CMS\n", stderrOf([&] { EXPECT_EQ("", cms.certificate()->keyId()); }));
-    // The empty certificate is cached: no second parse for it.
-    EXPECT_EQ("", stderrOf([&] { EXPECT_EQ(Group::None, cms.certificate()->group()); }));
+    // The failure is remembered: no accessor parses the bytes again.
+    EXPECT_EQ("", stderrOf([&] { EXPECT_EQ("", cms.signature()); }));
+    EXPECT_EQ("", stderrOf([&] { EXPECT_EQ("", cms.certificate()->keyId()); }));
+    EXPECT_EQ("", stderrOf([&] { EXPECT_TRUE(cms.rotationChain()->previousKeyids().empty()); }));
+    EXPECT_EQ("", stderrOf([&] { EXPECT_TRUE(cms.fileSignature(0).empty()); }));
+    EXPECT_EQ(nullptr, cms.parsed());
+}
+
+TEST_F(CmsObject, AssigningOtherBytesAfterAFailedParseParsesThem)
+{
+    Cms cms(Bytes{1, 2, 3});
+    stderrOf([&] { cms.signature(); });
+    cms.assign(plainSignature(pki->developer()));
+    EXPECT_EQ(88u, cms.signature().size());
+}
+
+TEST_F(CmsObject, AnEmptyCmsAnswersEmptySilently)
+{
+    Cms cms(Bytes{});
+    EXPECT_EQ("", stderrOf([&] { EXPECT_EQ("", cms.signature()); }));
+    EXPECT_EQ("", stderrOf([&] { EXPECT_EQ("", cms.certificate()->keyId()); }));
 }
 
 TEST_F(CmsObject, DeveloperSelectorLooksAtTheFirstSignatureOnly)

@@ -135,20 +135,20 @@ TEST_F(CmsReaders, TruncatedDerIsNotDecoded)
     EXPECT_FALSE(cms);
 }
 
-TEST_F(CmsReaders, EmptyInputIsNotDecoded)
+// No memory BIO is made over no bytes, and that failure prints nothing.
+TEST_F(CmsReaders, EmptyInputIsNotDecodedSilently)
 {
     static const unsigned char nothing = 0;
-    EXPECT_EQ("Could not decode DER CMS\n",
-              stderrOf([] { EXPECT_EQ(nullptr, cms_from_der(&nothing, 0)); }));
+    EXPECT_EQ("", stderrOf([] { EXPECT_EQ(nullptr, cms_from_der(&nothing, 0)); }));
+    EXPECT_EQ("", stderrOf([] { EXPECT_EQ(nullptr, cms_from_der(nullptr, 0)); }));
 }
 
-TEST_F(CmsReaders, NegativeLengthOrNullBufferIsRefused)
+TEST_F(CmsReaders, NegativeLengthIsRefusedAndNullBufferSilently)
 {
     static const unsigned char byte = 0x30;
     EXPECT_EQ("Could not decode DER CMS\n",
               stderrOf([] { EXPECT_EQ(nullptr, cms_from_der(&byte, -1)); }));
-    EXPECT_EQ("Could not decode DER CMS\n",
-              stderrOf([] { EXPECT_EQ(nullptr, cms_from_der(nullptr, 10)); }));
+    EXPECT_EQ("", stderrOf([] { EXPECT_EQ(nullptr, cms_from_der(nullptr, 10)); }));
 }
 
 TEST_F(CmsReaders, AttachedSignatureIsReadLikeADetachedOne)

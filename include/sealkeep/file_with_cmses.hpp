@@ -5,6 +5,11 @@
 //
 // FileWithCmses owns its FILE* and closes it. It caches nothing: every
 // operation scans the file as it is on disk at that moment.
+//
+// The file is untrusted, so the scan is bounded: it collects at most the four
+// newest blocks (a stack holds three), and a header claiming a CMS of more
+// than 32 MiB (about twice the per-file signatures of a 100,000-file package)
+// ends it like a header longer than the file. See README, "Limits".
 #ifndef SEALKEEP_FILE_WITH_CMSES_HPP
 #define SEALKEEP_FILE_WITH_CMSES_HPP
 
@@ -61,7 +66,7 @@ public:
     int fd();
     // True when the file begins with the RPM lead magic ED AB EE DB.
     bool isRpmPackage();
-    // One Cms per block, in file order.
+    // One Cms per block found by the bounded scan, in file order.
     std::vector<Cms> cmses() const;
     // Truncates away the newest block (onlyLast) or every block.
     bool deleteCmses(bool onlyLast);
@@ -77,6 +82,8 @@ public:
               bool replace, bool skippableFrame, bool signFiles);
     // True when the file carries one to three signatures and each verifies
     // against the CA certificates in caPath and stands at a permitted position.
+    // The covered bytes are streamed from the file: memory stays bounded and
+    // no temporary file is made, whatever the size of the package.
     bool verifyCmses(char const* caPath);
 
 private:

@@ -41,7 +41,7 @@ extern "C" {
 
 /* One signed payload file: its index in the package's file list and its
  * signature blob. */
-typedef struct FileSignature_st {
+typedef struct FileSignature {
     ASN1_INTEGER *index;
     ASN1_OCTET_STRING *value;
 } FileSignature;
@@ -123,7 +123,8 @@ FileSignature *FileSignatures_get0_at(FileSignatures *s, int i);
 long FileSignature_index(FileSignature *f);
 /* The entry's bytes, borrowed from f; the length is stored in len when given. */
 const unsigned char *FileSignature_value(FileSignature *f, int *len);
-/* New decoded rotation chain, or null when absent or undecodable. */
+/* New decoded rotation chain, or null when absent or undecodable. A chain of
+ * more than 64 proofs is not decoded (null, with a message naming the limit). */
 ProofOfRotationChain *cms_get_rotation_chain(CMS_ContentInfo *cms);
 
 /* ------------------------------------------------------------------------- */
@@ -137,9 +138,10 @@ unsigned char *cms_sign(const unsigned char *data, size_t length, int signFiles,
                         X509 *cert, ProofOfRotationChain *chain,
                         size_t *outLength);
 
-/* True when cms signs the len bytes at data (directly, or through their
- * GOST R 34.11-2012 digest for an attached CMS), chains to store, and its
- * rotation chain, if any, verifies and ends at the signer. */
+/* True when cms has exactly one signer, signs the len bytes at data
+ * (directly, or through their GOST R 34.11-2012 digest for an attached CMS),
+ * chains to store, and its rotation chain, if any, verifies and ends at the
+ * signer. The bytes are streamed, never copied to a temporary file. */
 bool cms_verify(const unsigned char *data, long len, CMS_ContentInfo *cms,
                 X509_STORE *store);
 
@@ -159,7 +161,9 @@ X509 *ProofOfRotation_get0_new_cert(const ProofOfRotation *proof);
 /* Reads a PEM chain file (not verified). */
 ProofOfRotationChain *ProofOfRotationChain_read(const char *path);
 /* 1 when every proof verifies and each links to the next by key identifier
- * (an empty chain is valid); 0 or negative otherwise. */
+ * (an empty chain is valid); 0 or negative otherwise. A chain of more than 64
+ * proofs (a monthly rotation for five years makes 60) is refused with 0
+ * before any proof is checked. */
 int ProofOfRotationChain_verify(ProofOfRotationChain *chain);
 /* Number of proofs; -1 for a null chain. */
 int ProofOfRotationChain_count(ProofOfRotationChain *chain);

@@ -33,7 +33,12 @@ const EVP_MD* gostDigest256()
     return md;
 }
 
-std::optional<std::vector<unsigned char>> gostDigestOf(const unsigned char* data, std::size_t len)
+namespace {
+
+// Feeds whatever next() yields into the digest: next() fills a piece and
+// returns its length, 0 at the end or -1 on failure.
+template <typename Next>
+std::optional<std::vector<unsigned char>> gostDigestOfPieces(Next next)
 {
     const EVP_MD* md = gostDigest256();
     if (!md)
@@ -41,11 +46,15 @@ std::optional<std::vector<unsigned char>> gostDigestOf(const unsigned char* data
     MdCtxPtr ctx(EVP_MD_CTX_new());
     if (!ctx || EVP_DigestInit_ex(ctx.get(), md, nullptr) != 1)
         return std::nullopt;
-    for (std::size_t done = 0; done < len;) {
-        std::size_t piece = std::min(ioPieceSize, len - done);
-        if (EVP_DigestUpdate(ctx.get(), data + done, piece) != 1)
+    for (;;) {
+        const unsigned char* piece = nullptr;
+        long length = next(&piece);
+        if (length < 0)
             return std::nullopt;
-        done += piece;
+        if (length == 0)
+            break;
+        if (EVP_DigestUpdate(ctx.get(), piece, static_cast<std::size_t>(length)) != 1)
+            return std::nullopt;
     }
     std::vector<unsigned char> digest(static_cast<std::size_t>(EVP_MD_size(md)));
     unsigned int digestLength = 0;
@@ -53,6 +62,31 @@ std::optional<std::vector<unsigned char>> gostDigestOf(const unsigned char* data
         return std::nullopt;
     digest.resize(digestLength);
     return digest;
+}
+
+}  // namespace
+
+std::optional<std::vector<unsigned char>> gostDigestOf(const unsigned char* data, std::size_t len)
+{
+    std::size_t done = 0;
+    return gostDigestOfPieces([&](const unsigned char** piece) {
+        std::size_t length = std::min(ioPieceSize, len - done);
+        *piece = data + done;
+        done += length;
+        return static_cast<long>(length);
+    });
+}
+
+std::optional<std::vector<unsigned char>> gostDigestOfBio(BIO* bio)
+{
+    unsigned char buffer[ioPieceSize];
+    return gostDigestOfPieces([&](const unsigned char** piece) -> long {
+        *piece = buffer;
+        int got = BIO_read(bio, buffer, sizeof buffer);
+        if (got > 0)
+            return got;
+        return BIO_eof(bio) ? 0 : -1;
+    });
 }
 
 }  // namespace sealkeep

@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include <openssl/bio.h>
 #include <openssl/evp.h>
 
 namespace sealkeep {
@@ -24,6 +25,10 @@ const EVP_MD* gostDigest256();
 // 8192 bytes. Empty when the digest is unavailable (with the message above) or
 // fails (silently).
 std::optional<std::vector<unsigned char>> gostDigestOf(const unsigned char* data, std::size_t len);
+
+// The same over everything a BIO yields until its end, read in pieces of at
+// most 8192 bytes; empty also when a read fails.
+std::optional<std::vector<unsigned char>> gostDigestOfBio(BIO* bio);
 
 }  // namespace sealkeep
 

@@ -10,6 +10,7 @@
 #include "common/digests.hpp"
 #include "common/open_file.hpp"
 #include "common/ossl_ptr.hpp"
+#include "common/rotation_limit.hpp"
 
 namespace sealkeep {
 namespace {
@@ -237,6 +238,8 @@ int ProofOfRotationChain_verify(ProofOfRotationChain* chain)
 {
     Asn1OctetStringPtr previousNewId;
     int count = ProofOfRotationChain_count(chain);
+    if (rotationCountExceedsLimit(count))
+        return 0;
     for (int i = 0; i < count; ++i) {
         int verified = verifyLink(sk_ProofOfRotation_value(chain, i), i, previousNewId);
         if (verified < 1)

@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 #include <fcntl.h>
@@ -146,6 +148,36 @@ ChildResult runInChild(std::function<int()> const& body, int timeoutMs)
     if (!result.timedOut)
         result.exitCode = exitCodeOf(status);
     return result;
+}
+
+void resetPeakResident()
+{
+    std::ofstream("/proc/self/clear_refs") << "5";
+}
+
+namespace {
+
+// A "Name:   value kB" line of /proc/self/status, in KiB; -1 if missing.
+long statusKib(std::string const& name)
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind(name + ":", 0) == 0)
+            return std::stol(line.substr(name.size() + 1));
+    return -1;
+}
+
+}  // namespace
+
+long peakResidentKib()
+{
+    return statusKib("VmHWM");
+}
+
+long residentKib()
+{
+    return statusKib("VmRSS");
 }
 
 }  // namespace sealkeep::test

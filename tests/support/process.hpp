@@ -35,6 +35,14 @@ struct ChildResult {
 // killed and reported as timed out.
 ChildResult runInChild(std::function<int()> const& body, int timeoutMs);
 
+// Resets this process's peak resident memory to what is resident now, so that
+// peakResidentKib() measures what follows.
+void resetPeakResident();
+// The peak resident memory of this process in KiB (VmHWM), -1 if unknown.
+long peakResidentKib();
+// The resident memory of this process now, in KiB (VmRSS), -1 if unknown.
+long residentKib();
+
 }  // namespace sealkeep::test
 
 #endif

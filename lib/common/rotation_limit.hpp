@@ -1,0 +1,23 @@
+// The most proofs a rotation chain may hold, and checking a chain against it
+// before anything is decoded or verified.
+#ifndef SEALKEEP_COMMON_ROTATION_LIMIT_HPP
+#define SEALKEEP_COMMON_ROTATION_LIMIT_HPP
+
+namespace sealkeep {
+
+// A key rotated every month for five years makes 60 proofs. Each proof costs
+// two certificates to decode and two signatures to check, so without a bound
+// the sender of a signature decides what verifying it costs.
+constexpr int maxRotations = 64;
+
+// True, after "Proof-of-rotation chain has %d proofs, more than the limit of
+// %d\n", when count exceeds maxRotations.
+bool rotationCountExceedsLimit(int count);
+
+// The number of elements of the DER SEQUENCE at der, counted without decoding
+// them; -1 when der is not a SEQUENCE of whole elements.
+int sequenceElementCount(const unsigned char* der, long len);
+
+}  // namespace sealkeep
+
+#endif
