@@ -2,6 +2,8 @@
 // packages. Recording a package replaces its rows in one transaction and
 // marks the key ids its signers rotated away from as superseded.
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "database_record.hpp"
@@ -50,20 +52,29 @@ int bindDer(sqlite3_stmt* statement, int index, std::vector<unsigned char> const
                              static_cast<int>(der.size()), SQLITE_STATIC);
 }
 
-// A certificate from a DER column.
-Certificate columnCertificate(sqlite3_stmt* statement, int column)
+using DecodedCertificates = std::unordered_map<std::string, Certificate>;
+
+// The certificate of a DER column, decoded once per distinct DER.
+Certificate columnCertificate(sqlite3_stmt* statement, int column, DecodedCertificates& decoded)
 {
     const auto* der = static_cast<const unsigned char*>(sqlite3_column_blob(statement, column));
-    return Certificate::fromDer(der,
-                                static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+    const auto length = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
+    std::string key(der ? reinterpret_cast<const char*>(der) : "", der ? length : 0);
+    auto found = decoded.find(key);
+    if (found != decoded.end())
+        return found->second;
+    Certificate certificate = Certificate::fromDer(der, length);
+    if (certificate.get())
+        decoded.emplace(std::move(key), certificate);
+    return certificate;
 }
 
 // Every row's certificate, in SQLite's order.
-std::vector<Certificate> stepCertificates(sqlite3_stmt* statement)
+std::vector<Certificate> stepCertificates(sqlite3_stmt* statement, DecodedCertificates& decoded)
 {
     std::vector<Certificate> found;
     while (sqlite3_step(statement) == SQLITE_ROW)
-        found.push_back(columnCertificate(statement, 0));
+        found.push_back(columnCertificate(statement, 0, decoded));
     return found;
 }
 
@@ -218,7 +229,7 @@ std::optional<Certificate> Database::packageCertificateWithGroup(std::string_vie
     if (bindText(select.get(), 1, package) != SQLITE_OK ||
         bindText(select.get(), 2, name) != SQLITE_OK || sqlite3_step(select.get()) != SQLITE_ROW)
         return std::nullopt;
-    return columnCertificate(select.get(), 0);
+    return columnCertificate(select.get(), 0, record_->decodedCertificates);
 }
 
 std::vector<Certificate> Database::activeCertificates()
@@ -226,13 +237,13 @@ std::vector<Certificate> Database::activeCertificates()
     StatementPtr select = prepareOnce(record_->db, activeCertificatesSql);
     if (sqlite3_bind_int(select.get(), 1, Blacklisted) != SQLITE_OK)
         return {};
-    return stepCertificates(select.get());
+    return stepCertificates(select.get(), record_->decodedCertificates);
 }
 
 std::vector<Certificate> Database::certificates()
 {
     StatementPtr select = prepareOnce(record_->db, "SELECT certificate FROM certificates");
-    return stepCertificates(select.get());
+    return stepCertificates(select.get(), record_->decodedCertificates);
 }
 
 std::vector<Certificate> Database::packageCertificates(std::string_view package)
@@ -248,7 +259,9 @@ std::vector<Certificate> Database::packageCertificates(std::string_view package)
         const int id = sqlite3_column_int(select.get(), 0);
         auto cached = cache.find(id);
         if (cached == cache.end())
-            cached = cache.emplace(id, columnCertificate(select.get(), 1)).first;
+            cached =
+                cache.emplace(id, columnCertificate(select.get(), 1, record_->decodedCertificates))
+                    .first;
         found.push_back(cached->second);
     }
     return found;
