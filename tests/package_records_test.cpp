@@ -67,6 +67,21 @@ protected:
         return keyids;
     }
 
+    // Replaces, by other means, the DER of the certificate row with key id
+    // keyid.
+    void rewriteCertificate(std::string const& keyid, std::vector<unsigned char> const& der) const
+    {
+        SqliteFile file(files.databasePath());
+        sqlite3_stmt* update = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(file.handle(),
+                                                "UPDATE certificates SET certificate = ? WHERE key = ?",
+                                                -1, &update, nullptr));
+        sqlite3_bind_blob(update, 1, der.data(), static_cast<int>(der.size()), SQLITE_STATIC);
+        sqlite3_bind_text(update, 2, keyid.c_str(), -1, SQLITE_TRANSIENT);
+        EXPECT_EQ(SQLITE_DONE, sqlite3_step(update));
+        sqlite3_finalize(update);
+    }
+
     std::string chainPath(std::string const& name) const { return files.file(name + ".chain"); }
 
     TrustFiles files;
@@ -308,21 +323,32 @@ TEST_F(PackageRecords, PackageCertificatesAreDecodedOncePerRow)
 
     // Another process rewrites a row under the same id: this object keeps
     // serving what it decoded, a new one reads the row.
-    const std::vector<unsigned char> der = certificateOf(identity('b')).toDer();
-    SqliteFile file(files.databasePath());
-    sqlite3_stmt* update = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(file.handle(),
-                                            "UPDATE certificates SET certificate = ? WHERE key = ?",
-                                            -1, &update, nullptr));
-    sqlite3_bind_blob(update, 1, der.data(), static_cast<int>(der.size()), SQLITE_STATIC);
-    sqlite3_bind_text(update, 2, keyid('a').c_str(), -1, SQLITE_TRANSIENT);
-    EXPECT_EQ(SQLITE_DONE, sqlite3_step(update));
-    sqlite3_finalize(update);
+    rewriteCertificate(keyid('a'), certificateOf(identity('b')).toDer());
 
     EXPECT_EQ(sorted({keyid('a'), keyidOf(pki->seclab())}),
               sorted(keyidsOf(database->packageCertificates("p"))));
     EXPECT_EQ(sorted({keyid('b'), keyidOf(pki->seclab())}),
               sorted(keyidsOf(open()->packageCertificates("p"))));
+}
+
+TEST_F(PackageRecords, LookupsDecodeWhatIsStoredNow)
+{
+    ASSERT_TRUE(database->insertPackage("p", {signedCms(identity('a'))}));
+    EXPECT_EQ(keyid('a'), database->packageCertificateWithGroup("p", Group::Developer)->keyId());
+    rewriteCertificate(keyid('a'), certificateOf(identity('b')).toDer());
+    EXPECT_EQ(keyid('b'), database->packageCertificateWithGroup("p", Group::Developer)->keyId());
+    EXPECT_EQ(Keyids{keyid('b')}, keyidsOf(database->certificates()));
+
+    // Undecodable bytes give an empty certificate, reported every time.
+    rewriteCertificate(keyid('a'), {0x30, 0x03, 0x02, 0x01, 0x01});
+    for (int i = 0; i < 2; ++i) {
+        std::optional<Certificate> stored;
+        EXPECT_EQ("Could not decode X.509 certificate\n",
+                  stderrOf([&] { stored = database->packageCertificateWithGroup("p", Group::Developer); }));
+        ASSERT_TRUE(stored);
+        EXPECT_EQ(nullptr, stored->get());
+        EXPECT_EQ("", stored->keyId());
+    }
 }
 
 TEST_F(PackageRecords, UnreadableSignerRollsTheWholePackageBack)
