@@ -168,15 +168,8 @@ TEST_F(PackageRecordsCrash, KilledBeforeEveryFileChange)
 // again, and writes the names it was told are recorded to keptPath. It fails
 // on the first false result.
 int recordAndRemove(TrustFiles const& files, std::string const& prefix,
-                    std::vector<Bytes> const& signatures, std::string const& keptPath,
-                    int const gate[2])
+                    std::vector<Bytes> const& signatures, std::string const& keptPath)
 {
-    // Waits for the end of file on the gate, which comes once every copy of
-    // its write end, this one included, is closed.
-    close(gate[1]);
-    char go;
-    if (read(gate[0], &go, 1) != 0)
-        return 2;
     Database database(files.databasePath(), files.confPath());
     const std::vector<Cms> cmses = cmsesOf(signatures);
     std::set<std::string> kept;
@@ -212,21 +205,13 @@ TEST_F(PackageRecordsCrash, TwoProcessesRecordingAtOnceLoseNothing)
 {
     TrustFiles files;
     openDatabase(files);
-    int gate[2];
-    ASSERT_EQ(0, pipe(gate));
-    const std::string errorsA = files.file("a.txt"), errorsB = files.file("b.txt");
     const std::string keptA = files.file("a.kept"), keptB = files.file("b.kept");
-    pid_t a = startChild(
-        [&] { return recordAndRemove(files, "alpha-", oldSignatures, keptA, gate); }, errorsA);
-    pid_t b = startChild(
-        [&] { return recordAndRemove(files, "beta-", otherSignatures, keptB, gate); }, errorsB);
-    // Closing the gate's write end lets both children go at once.
-    close(gate[1]);
-    close(gate[0]);
-    Outcome outcomeA = waitChild(a, errorsA);
-    Outcome outcomeB = waitChild(b, errorsB);
-    ASSERT_EQ(0, outcomeA.exitCode) << outcomeA.errors;
-    ASSERT_EQ(0, outcomeB.exitCode) << outcomeB.errors;
+    const std::vector<ChildResult> results = runTogether(
+        {[&] { return recordAndRemove(files, "alpha-", oldSignatures, keptA); },
+         [&] { return recordAndRemove(files, "beta-", otherSignatures, keptB); }},
+        files.file("recorder-"));
+    ASSERT_EQ(0, results[0].exitCode) << results[0].errors;
+    ASSERT_EQ(0, results[1].exitCode) << results[1].errors;
 
     const std::vector<std::string> alpha = linesOf(keptA), beta = linesOf(keptB);
     EXPECT_GT(alpha.size(), 10u);

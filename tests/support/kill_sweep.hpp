@@ -8,10 +8,10 @@
 
 #include <functional>
 #include <string>
-
-#include <sys/types.h>
+#include <vector>
 
 #include "support/database_fixture.hpp"
+#include "support/process.hpp"
 
 namespace sealkeep::test {
 
@@ -22,18 +22,12 @@ namespace sealkeep::test {
 // any TrustFiles.
 void keepTestFilesInMemory();
 
-// How a child process ended.
-struct Outcome {
-    bool killed = false;  // by SIGKILL, that is by its own kill switch
-    int exitCode = -1;    // when it exited
-    std::string errors;   // its standard error
-};
-
-// Runs body in a forked child whose standard error goes to errorsPath; the
-// child's exit code is body's result. An alarm ends a hung child after 30
-// seconds.
-pid_t startChild(std::function<int()> const& body, std::string const& errorsPath);
-Outcome waitChild(pid_t pid, std::string const& errorsPath);
+// Runs every body in a forked child of its own, releasing them all at the
+// same moment, and waits for them. Child i's standard error goes to the file
+// errorsPrefix + i + ".txt". The results are in the order of bodies; a child that hangs is ended
+// by an alarm after 30 seconds and shows exit code -1.
+std::vector<ChildResult> runTogether(std::vector<std::function<int()>> const& bodies,
+                                     std::string const& errorsPrefix);
 
 // The events a child counts on its connections, to be killed at one.
 enum class Trigger {
@@ -52,9 +46,6 @@ struct Scenario {
     std::function<void(TrustFiles const&)> checkAfterKill;
     std::function<void(TrustFiles const&)> completeAndCheck;
 };
-
-// Deletes the database file of files and its rollback journal.
-void removeDatabase(TrustFiles const& files);
 
 // Runs the scenario once unkilled to count its events, then kills it at
 // evenly spread events (about `points` of them, the first and the last
