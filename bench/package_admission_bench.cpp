@@ -182,7 +182,7 @@ void InsertPackage(benchmark::State& state)
     state.counters["packages/s"] =
         benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
-BENCHMARK(InsertPackage)->Unit(benchmark::kMicrosecond);
+BENCHMARK(InsertPackage)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 }  // namespace
 

@@ -10,6 +10,37 @@
 
 namespace PackageSignatures {
 
+namespace {
+
+// A decision reads several tables; it reads them all from one state of the
+// file, so that another process recording a package or revoking a key at
+// the same moment cannot make it see half of each. It also takes the file's
+// read lock once instead of once per statement, which is a good part of what
+// a decision costs. Inside a transaction of the caller's there is nothing to
+// do: that one already reads one state.
+class ReadSnapshot {
+public:
+    explicit ReadSnapshot(sqlite3* db) : db_(sqlite3_get_autocommit(db) ? db : nullptr)
+    {
+        if (db_)
+            sqlite3_exec(db_, "BEGIN", nullptr, nullptr, nullptr);
+    }
+    ~ReadSnapshot()
+    {
+        // Ending a transaction that wrote nothing only drops the read lock;
+        // should it fail all the same, the connection is not left inside it.
+        if (db_ && sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
+            sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    ReadSnapshot(ReadSnapshot const&) = delete;
+    ReadSnapshot& operator=(ReadSnapshot const&) = delete;
+
+private:
+    sqlite3* db_;
+};
+
+}  // namespace
+
 bool Database::developerMatch(std::string_view package, Cms const& cms)
 {
     // A package not yet installed may come from any developer.
@@ -34,6 +65,7 @@ PackageCheckResult Database::checkPackage(std::string_view package, std::vector<
     const std::optional<Cms> developer = developerCmsFromVector(cmses);
     if (!developer)
         return NotDeveloperSigned;
+    const ReadSnapshot snapshot(record_->db);
 
     switch (getKeyidRevocationStatus(developer->certificate()->keyId())) {
     case Superseded:

@@ -15,6 +15,8 @@
 #include "support/files.hpp"
 #include "support/package_signatures.hpp"
 #include "support/rotating_keys.hpp"
+#include "support/sqlite_file.hpp"
+#include "support/statement_log.hpp"
 
 namespace sealkeep::test {
 namespace {
@@ -153,6 +155,37 @@ TEST_F(Admission, DeveloperMatch)
     // Revocation is not developerMatch's concern.
     ASSERT_TRUE(database->insertRevokedKeyid(keyid('a'), Database::Blacklisted));
     EXPECT_TRUE(database->developerMatch("p", signedCms(identity('a'))));
+}
+
+TEST_F(Admission, ADecisionReadsOneStateOfTheFileAndLetsItGo)
+{
+    ChainPtr fromA = chain("ab", {{identity('a'), identity('b')}});
+    ASSERT_TRUE(database->insertPackage("p", {signedCms(identity('a'))}));
+    const std::vector<Cms> update{signedCms(identity('b'), fromA.get())};
+    StatementLog log;
+    database = std::make_unique<Database>(files.databasePath(), files.confPath());
+    log.take();
+
+    EXPECT_EQ(0, database->checkPackage("p", update, false));
+    const std::string revocationStatus = "SELECT type FROM revoked_keyids WHERE keyid = ?";
+    EXPECT_EQ((Rows{"BEGIN", revocationStatus, revocationStatus,
+                    "SELECT 1 FROM packages WHERE id = ?",
+                    "SELECT certificate FROM certificates WHERE id IN (SELECT certificateid FROM "
+                    "packages WHERE id = ?) AND group_id = (SELECT id FROM groups WHERE name = ?)",
+                    "COMMIT"}),
+              log.take());
+    EXPECT_TRUE(lockableAtOnce(files.databasePath()));
+
+    // A refusal ends the snapshot as well; without a developer signature the
+    // file is not read at all.
+    ASSERT_TRUE(database->insertRevokedKeyid(keyid('b'), Database::Blacklisted));
+    log.take();
+    EXPECT_EQ(6, database->checkPackage("p", update, false));
+    EXPECT_EQ((Rows{"BEGIN", revocationStatus, "COMMIT"}), log.take());
+    EXPECT_TRUE(lockableAtOnce(files.databasePath()));
+    log.take();
+    EXPECT_EQ(1, database->checkPackage("p", {signedCms(pki->client())}, false));
+    EXPECT_EQ(Rows{}, log.take());
 }
 
 // The system developer key id file is found through the default
