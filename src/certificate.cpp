@@ -5,10 +5,12 @@
 #include <climits>
 #include <cstdio>
 #include <iostream>
+#include <optional>
 #include <utility>
 
 #include <openssl/pem.h>
 
+#include <sealkeep/configuration.hpp>
 #include <sealkeep/sealkeep.h>
 
 #include "common/open_file.hpp"
@@ -37,6 +39,25 @@ X509Ptr sharedReference(X509* cert)
     if (cert)
         X509_up_ref(cert);
     return X509Ptr(cert);
+}
+
+// The first line of a text file, without its newline and untrimmed; empty for
+// an empty file. nullopt when the file cannot be opened.
+std::optional<std::string> firstLineOf(const std::string& path)
+{
+    FilePtr file = sealkeep::openFile(path.c_str(), "r");
+    if (!file)
+        return std::nullopt;
+    char* buffer = nullptr;
+    std::size_t capacity = 0;
+    const ssize_t length = getline(&buffer, &capacity, file.get());
+    MallocPtr line(buffer);
+    if (length <= 0)
+        return std::string();
+    std::string text(line.get(), static_cast<std::size_t>(length));
+    if (text.back() == '\n')
+        text.pop_back();
+    return text;
 }
 
 // The text a flat function handed out, freed here; empty for null.
@@ -142,6 +163,19 @@ std::vector<unsigned char> Certificate::toDer() const
     unsigned char* cursor = der.data();
     i2d_X509(get(), &cursor);
     return der;
+}
+
+bool Certificate::isSystemDeveloperCertificate() const
+{
+    // Always the system's own configuration: which developer is the system's
+    // does not depend on the database a caller happens to use.
+    const std::optional<std::string> systemKeyId =
+        firstLineOf(Configuration().systemDeveloperKeyIdPath());
+    if (!systemKeyId) {
+        fputs("Couldn't retrieve system developer key id\n", stderr);
+        return false;
+    }
+    return *systemKeyId == keyId();
 }
 
 Certificate Certificate::fromDer(const unsigned char* data, std::size_t length)

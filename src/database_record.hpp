@@ -37,6 +37,12 @@ struct Database::Record {
     std::unordered_map<int, sqlite3_stmt*> statements;
     // Certificates already decoded from the certificates table, by row id.
     std::unordered_map<int, Certificate> certificateCache;
+    // Certificates already decoded, by their DER. Decoding a GOST certificate
+    // costs more than everything else an admission decision asks of the
+    // database, and the same few developer certificates are asked for again
+    // and again. A DER always decodes to the same certificate, so entries
+    // never go stale; failures are not kept, so they are reported each time.
+    std::unordered_map<std::string, Certificate> decodedCertificates;
 
     Record() = default;
     Record(Record const&) = delete;

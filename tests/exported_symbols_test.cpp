@@ -79,7 +79,12 @@ TEST(ExportedSymbols, TheClassInterfaceIsExported)
          {"PackageSignatures::FileWithCmses::verifyCmses(char const*)", "PackageSignatures::Cms::certificate() const",
           "PackageSignatures::Certificate::fromDer(unsigned char const*, unsigned long)",
           "PackageSignatures::RotationChain::previousKeyids[abi:cxx11]() const", "PackageSignatures::groupFromString(char const*)",
-          "PackageSignatures::Database::isDeveloperModeEnabled() const", "PackageSignatures::defaultCaPath[abi:cxx11]()"})
+          "PackageSignatures::Database::isDeveloperModeEnabled() const", "PackageSignatures::defaultCaPath[abi:cxx11]()",
+          "PackageSignatures::Database::checkPackage(std::basic_string_view<char, std::char_traits<char> >, "
+          "std::vector<PackageSignatures::Cms, std::allocator<PackageSignatures::Cms> > const&, bool)",
+          "PackageSignatures::Database::insertPackage(std::basic_string_view<char, std::char_traits<char> >, "
+          "std::vector<PackageSignatures::Cms, std::allocator<PackageSignatures::Cms> > const&)",
+          "PackageSignatures::Certificate::isSystemDeveloperCertificate() const"})
         EXPECT_TRUE(symbols.count(expected)) << expected;
 }
 

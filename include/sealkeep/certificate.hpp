@@ -43,6 +43,10 @@ public:
     bool verify(const char* caPath) const;
     // The DER encoding; empty on failure.
     std::vector<unsigned char> toDer() const;
+    // Whether the key id equals the first line of the system developer key
+    // id file named by the default configuration (not a database's), read
+    // anew on every call.
+    bool isSystemDeveloperCertificate() const;
 
     // Decodes DER; an empty certificate on failure.
     static Certificate fromDer(const unsigned char* data, std::size_t length);

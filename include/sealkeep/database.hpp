@@ -13,13 +13,17 @@
 #define SEALKEEP_DATABASE_HPP
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <sqlite3.h>
 
+#include <sealkeep/certificate.hpp>
+#include <sealkeep/cms.hpp>
 #include <sealkeep/export.hpp>
+#include <sealkeep/groups.hpp>
 
 namespace PackageSignatures {
 
@@ -86,6 +90,17 @@ private:
     int result_ = SQLITE_OK;
 };
 
+// What Database::checkPackage decided about a package's developer signature.
+// An unscoped enum over int, so that the values read as the integers the
+// installer compares against; 2 and 4 are never returned.
+enum PackageCheckResult : int {
+    Accepted = 0,            // the developer signature is admissible
+    NotDeveloperSigned = 1,  // no developer signature: the check does not apply
+    DeveloperMismatch = 3,   // installed, and not from its developer or a key rotated from it
+    KeySuperseded = 5,       // the signer's own key id is superseded
+    KeyBlacklisted = 6,      // the signer's key id, or one it was rotated from, is blacklisted
+};
+
 class SEALKEEP_EXPORT Database {
 public:
     // The enums have a fixed underlying type, so that any int converts to
@@ -136,6 +151,43 @@ public:
     bool trustPublicKeys();
     bool revokePublicKeys();
     bool updateRevokedKeyids();
+
+    // Certificate and package records. A package has one packages row per
+    // certificate that signed it; certificates are found by their DER, and
+    // group and subgroup rows are made on first use. Row ids are 0 on
+    // failure.
+    sqlite3_int64 insertGroup(Group group);
+    sqlite3_int64 insertSubgroup(Subgroup subgroup);
+    sqlite3_int64 insertCertificate(Certificate const& certificate);
+    bool insertPackageWithCertificate(std::string_view package, Certificate const& certificate);
+    // Replaces what was recorded for package with the signers of cmses, and
+    // marks every key id their rotation chains name as superseded; all or
+    // nothing. False for an empty list, which changes nothing.
+    bool insertPackage(std::string_view package, std::vector<Cms> const& cmses);
+    // True also when the package was not recorded.
+    bool removePackage(std::string_view package);
+    bool packageExists(std::string_view package);
+    std::vector<std::string> packages();
+    bool hasCertificatesWithGroup(Group group);
+    // The number of packages that certificate signed.
+    int certificateReferences(Certificate const& certificate);
+    bool packageHasCertificateWithGroup(std::string_view package, Group group);
+    // The first certificate of that group recorded for package, if any.
+    std::optional<Certificate> packageCertificateWithGroup(std::string_view package, Group group);
+    // Certificates that sign at least one package and whose key id is not
+    // blacklisted (superseded keys stay active).
+    std::vector<Certificate> activeCertificates();
+    std::vector<Certificate> certificates();
+    // The certificates of package, decoded once per row id for the lifetime
+    // of this object.
+    std::vector<Certificate> packageCertificates(std::string_view package);
+
+    // Package admission, consulted before a developer-signed package is
+    // installed or updated. Only the first signature of cmses counts, and only
+    // when a developer made it. The last argument is accepted and not used.
+    bool developerMatch(std::string_view package, Cms const& cms);
+    PackageCheckResult checkPackage(std::string_view package, std::vector<Cms> const& cmses,
+                                    bool unused);
 
 private:
     struct Record;
