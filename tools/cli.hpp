@@ -3,6 +3,7 @@
 #ifndef SEALKEEP_TOOLS_CLI_HPP
 #define SEALKEEP_TOOLS_CLI_HPP
 
+#include <cstddef>
 #include <string>
 
 namespace CLI {
@@ -21,6 +22,8 @@ constexpr int statusUsage = 2;   // bad usage
 void reportFailure(std::string const& file, std::string const& reason);
 // One line on standard output, whole even when several threads print.
 void printLine(std::string const& line);
+// "1 signature", "3 signatures".
+std::string countOf(std::size_t count, std::string const& noun);
 // strerror(errno), read at the call.
 std::string systemReason();
 

@@ -11,6 +11,7 @@
 #include <openssl/bio.h>
 #include <openssl/buffer.h>
 #include <openssl/cms.h>
+#include <openssl/objects.h>
 #include <openssl/x509.h>
 
 #include <sealkeep/sealkeep.hpp>
@@ -53,13 +54,19 @@ std::string nameText(X509_NAME const* name)
     return std::string(buffer->data, buffer->length);
 }
 
+// A signature of this library has exactly one signer.
+CMS_SignerInfo* onlySigner(CMS_ContentInfo* cms)
+{
+    STACK_OF(CMS_SignerInfo)* signers = cms ? CMS_get0_SignerInfos(cms) : nullptr;
+    return signers && sk_CMS_SignerInfo_num(signers) > 0 ? sk_CMS_SignerInfo_value(signers, 0) : nullptr;
+}
+
 // The signingTime attribute of the only signer; empty when absent.
 std::string signingTime(CMS_ContentInfo* cms)
 {
-    STACK_OF(CMS_SignerInfo)* signers = cms ? CMS_get0_SignerInfos(cms) : nullptr;
-    if (!signers || sk_CMS_SignerInfo_num(signers) < 1)
+    CMS_SignerInfo* signer = onlySigner(cms);
+    if (!signer)
         return "";
-    CMS_SignerInfo* signer = sk_CMS_SignerInfo_value(signers, 0);
     int at = CMS_signed_get_attr_by_NID(signer, NID_pkcs9_signingTime, -1);
     X509_ATTRIBUTE* attribute = at < 0 ? nullptr : CMS_signed_get_attr(signer, at);
     ASN1_TYPE* value = attribute ? X509_ATTRIBUTE_get0_type(attribute, 0) : nullptr;
@@ -104,11 +111,24 @@ std::string fileName(std::vector<std::string> const& names, long index)
     return index >= 0 && static_cast<std::size_t>(index) < names.size() ? names[index] : "";
 }
 
+// Whether the signer signed the attribute the library registered under
+// shortName when it was loaded. Countersignatures carry no per-file tables,
+// and asking the library for an absent one prints a complaint.
+bool hasSignedAttribute(CMS_ContentInfo* cms, char const* shortName)
+{
+    CMS_SignerInfo* signer = onlySigner(cms);
+    int nid = OBJ_sn2nid(shortName);
+    return signer && nid != NID_undef && CMS_signed_get_attr_by_NID(signer, nid, -1) >= 0;
+}
+
 // which: 0 for IMA signatures, 1 for trusted-application headers.
 json describeFileSignatures(Cms const& cms, int which, std::vector<std::string> const& names)
 {
     json entries = json::array();
-    FileSignaturesPtr table(cms.parsed() ? cms_get_file_signatures(cms.parsed(), which) : nullptr);
+    char const* attribute = which == 1 ? "packageTrustletSignatures" : "packageFileSignatures";
+    if (!hasSignedAttribute(cms.parsed(), attribute))
+        return entries;
+    FileSignaturesPtr table(cms_get_file_signatures(cms.parsed(), which));
     int count = table ? FileSignatures_count(table.get()) : 0;
     for (int i = 0; i < count; ++i) {
         FileSignature* entry = FileSignatures_get0_at(table.get(), i);
@@ -241,7 +261,7 @@ int runInspect(InspectOptions const& options)
     }
     json const& blocks = description["blocks"];
     printLine(options.package + ": " + (description["rpm"] ? "RPM package" : "not an RPM package") + ", " +
-              std::to_string(blocks.size()) + " signatures");
+              countOf(blocks.size(), "signature"));
     for (auto const& block : blocks)
         printBlock(block, options.files);
     return statusOk;

@@ -30,6 +30,11 @@ void printLine(std::string const& line)
     std::cout << line << std::endl;
 }
 
+std::string countOf(std::size_t count, std::string const& noun)
+{
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 std::string systemReason()
 {
     return std::strerror(errno);

@@ -53,8 +53,8 @@ int runRotate(RotateOptions const& options)
         return statusFailed;
     }
     ChainPtr chain(ProofOfRotationChain_read(options.chain.c_str()));
-    printLine(options.chain + ": " + std::to_string(ProofOfRotationChain_count(chain.get())) +
-              " rotations, newest key " + PackageSignatures::Certificate::readCertificateFromFile(
+    printLine(options.chain + ": " + countOf(ProofOfRotationChain_count(chain.get()), "rotation") +
+              ", newest key " + PackageSignatures::Certificate::readCertificateFromFile(
                                               options.newCert.c_str()).keyId());
     return statusOk;
 }
@@ -74,7 +74,7 @@ int runShow(ShowOptions const& options)
     if (options.json) {
         printLine(json{{"path", options.chain}, {"verified", verified}, {"rotations", rotations}}.dump(2));
     } else {
-        printLine(options.chain + ": " + std::to_string(rotations.size()) + " rotations, " +
+        printLine(options.chain + ": " + countOf(rotations.size(), "rotation") + ", " +
                   (verified ? "every proof verifies" : "DOES NOT VERIFY"));
         int n = 0;
         for (auto const& rotation : rotations)

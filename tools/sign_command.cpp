@@ -65,7 +65,7 @@ bool signPackage(std::string const& path, Credentials const& credentials, SignOp
                                 " signature was refused or failed (signatures before: " + before + ")");
         return false;
     }
-    printLine(path + ": signed as " + group + " (" + std::to_string(file->cmses().size()) + " signatures)");
+    printLine(path + ": signed as " + group + " (" + countOf(file->cmses().size(), "signature") + ")");
     return true;
 }
 

@@ -33,8 +33,8 @@ int runStrip(StripOptions const& options)
         return statusFailed;
     }
     std::size_t after = file->cmses().size();
-    printLine(options.package + ": removed " + std::to_string(before - after) + " of " + std::to_string(before) +
-              " signatures");
+    printLine(options.package + ": removed " + std::to_string(before - after) + " of " +
+              countOf(before, "signature"));
     return statusOk;
 }
 

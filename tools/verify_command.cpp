@@ -51,8 +51,7 @@ int runVerify(VerifyOptions const& options)
         nlohmann::json result = verifyPackage(path, options.ca);
         if (result["verified"]) {
             if (!options.json)
-                printLine(path + ": verified (" + std::to_string(result["signatures"].get<std::size_t>()) +
-                          " signatures)");
+                printLine(path + ": verified (" + countOf(result["signatures"].get<std::size_t>(), "signature") + ")");
         } else {
             allVerified = false;
             reportFailure(path, result["error"].get<std::string>());
