@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The main job on a fresh Debian 12 machine: installs what is needed, builds
-# and installs libsealkeep, builds the example client against the installed
-# library with pkg-config alone, then signs a real RPM package as developer,
-# seclab and client and verifies it.
+# and installs libsealkeep with the sealkeep command, then walks through the
+# life of a package: a CA issues developer, seclab and client certificates,
+# an RPM with a trusted application is signed three times, inspected,
+# verified, refused a fourth signature, caught when tampered with, and
+# stripped of its newest signature.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,31 +19,45 @@ ldconfig 2>/dev/null || true
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-libdirs="$prefix/lib:$prefix/lib/x86_64-linux-gnu"
+export PATH="$prefix/bin:$PATH"
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig:${PKG_CONFIG_PATH:-}"
-export LD_LIBRARY_PATH="$libdirs:${LD_LIBRARY_PATH:-}"
+export LD_LIBRARY_PATH="$prefix/lib:$prefix/lib/x86_64-linux-gnu:${LD_LIBRARY_PATH:-}"
 
 step() { printf '\n== %s\n' "$*"; }
+show() { printf '$'; printf ' %q' "$@"; echo; "$@"; }
+# Runs a command that must fail, showing its complaint.
+refused() {
+  printf '$'; printf ' %q' "$@"; echo
+  local status=0
+  "$@" || status=$?
+  if [ "$status" -ne 1 ]; then echo "unexpected: exit status $status, not 1"; exit 1; fi
+  echo "(refused with exit status 1, as it should be)"
+}
 
-step "build the example client with: c++ ... \$(pkg-config --cflags --libs sealkeep)"
-c++ -std=c++17 -o "$work/sealkeep-example" examples/sealkeep_example.cpp $(pkg-config --cflags --libs sealkeep)
-tool="$work/sealkeep-example"
+cd "$work"
+step "sealkeep is installed: $(command -v sealkeep), $(sealkeep --version); see man sealkeep"
 
-step "a GOST CA and developer, seclab and client certificates"
-ossl() { openssl "$@"; }
-ossl genpkey -engine gost -algorithm gost2012_256 -pkeyopt paramset:A -out "$work/ca.key" 2>/dev/null
-"$tool" ca "$work/ca.pem" "$work/ca.key" "Demo Package CA"
+step "A certificate authority. Keys are GOST R 34.10-2012 keys made with openssl."
+openssl genpkey -engine gost -algorithm gost2012_256 -pkeyopt paramset:A -out ca.key 2>/dev/null
+show sealkeep ca init ca.pem --key ca.key --cn "Demo Package CA"
+
+step "Three signers, each with a key, a certificate request and a certificate of its group."
 for who in developer seclab client; do
-  ossl genpkey -engine gost -algorithm gost2012_256 -pkeyopt paramset:A -out "$work/$who.key" 2>/dev/null
-  ossl req -engine gost -new -key "$work/$who.key" -subj "/CN=Demo $who" -out "$work/$who.csr" 2>/dev/null
-  "$tool" issue "$work/$who.pem" "$work/$who.csr" "$work/ca.key" "$work/ca.pem" "$who"
-  ossl verify -engine gost -CAfile "$work/ca.pem" "$work/$who.pem" 2>/dev/null
+  openssl genpkey -engine gost -algorithm gost2012_256 -pkeyopt paramset:A -out "$who.key" 2>/dev/null
+  openssl req -engine gost -new -key "$who.key" -subj "/CN=Demo $who" -out "$who.csr" 2>/dev/null
+  show sealkeep ca issue "$who.pem" --csr "$who.csr" --ca-key ca.key --ca-cert ca.pem --group "$who"
 done
+echo "The group text is checked before anything is written:"
+refused sealkeep ca issue wrong.pem --csr client.csr --ca-key ca.key --ca-cert ca.pem --group "client:vip"
 
-step "a real RPM package with a zstd payload"
-mkdir -p "$work/rpm/stage/usr/share/demo"
-echo "hello from sealkeep" > "$work/rpm/stage/usr/share/demo/hello.txt"
-cat > "$work/rpm/demo.spec" <<SPEC
+step "The developer's RSA key for OP-TEE trusted-application headers."
+openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out ta.key 2>/dev/null
+echo "ta.key: RSA-2048"
+
+step "An RPM package (zstd payload) with a trusted application and a hard-linked pair of files."
+uuid=8aaaf200-2450-11e4-abe2-0002a5d5c51b
+mkdir -p rpm
+cat > rpm/demo.spec <<SPEC
 Name: sealkeep-demo
 Version: 1.0
 Release: 1
@@ -51,38 +67,52 @@ BuildArch: noarch
 %description
 sealkeep demonstration package
 %install
-mkdir -p %{buildroot}
-cp -a $work/rpm/stage/. %{buildroot}/
+mkdir -p %{buildroot}/usr/share/demo %{buildroot}/usr/lib/optee_armtz
+echo "hello from sealkeep" > %{buildroot}/usr/share/demo/hello.txt
+ln %{buildroot}/usr/share/demo/hello.txt %{buildroot}/usr/share/demo/hello-again.txt
+head -c 4096 /dev/urandom > %{buildroot}/usr/lib/optee_armtz/$uuid.ta
 %files
 /usr/share/demo/hello.txt
+/usr/share/demo/hello-again.txt
+/usr/lib/optee_armtz/$uuid.ta
 SPEC
 rpmbuild -bb --quiet --define "_topdir $work/rpm" --define "_binary_payload w19.zstdio" \
-  --define "__os_install_post %{nil}" --define "debug_package %{nil}" "$work/rpm/demo.spec"
-package="$work/sealkeep-demo.rpm"
-cp "$work/rpm/RPMS/noarch/sealkeep-demo-1.0-1.noarch.rpm" "$package"
+  --define "__os_install_post %{nil}" --define "debug_package %{nil}" rpm/demo.spec
+cp rpm/RPMS/noarch/sealkeep-demo-1.0-1.noarch.rpm demo.rpm
+show rpm -qpl demo.rpm
 
-step "sign as developer, then seclab, then client"
-"$tool" sign "$package" "$work/developer.pem" "$work/developer.key"
-"$tool" sign "$package" "$work/seclab.pem" "$work/seclab.key"
-"$tool" sign "$package" "$work/client.pem" "$work/client.key"
-"$tool" list "$package"
+step "Sign as developer (with the TA key), then seclab, then client. Each signature covers the previous one."
+show sealkeep sign demo.rpm --cert developer.pem --key developer.key --ta-key ta.key --ta-algorithm pss
+show sealkeep sign demo.rpm --cert seclab.pem --key seclab.key
+show sealkeep sign demo.rpm --cert client.pem --key client.key
 
-step "verify the signature stack against the CA"
-"$tool" verify "$package" "$work/ca.pem"
+step "What the package now carries: three blocks, their signers, IMA signatures per file, the TA header."
+show sealkeep inspect demo.rpm --files
 
-step "the signed package is still a package"
-rpm -qpl "$package" 2>/dev/null
-rpm2cpio "$package" | cpio -t --quiet
+step "Verify the whole stack against the CA."
+show sealkeep verify demo.rpm --ca ca.pem
 
-step "a second developer signature is refused; a tampered package fails verification"
-if "$tool" sign "$package" "$work/developer.pem" "$work/developer.key" 2>/dev/null; then
-  echo "unexpected: a fourth signature was accepted"; exit 1
-fi
-# Flip the lowest bit of one byte of the package's header.
-old=$(od -An -tu1 -j 200 -N 1 "$package" | tr -d ' ')
-printf "\\$(printf '%03o' $(( old ^ 1 )))" | dd of="$package" bs=1 seek=200 conv=notrunc status=none
-if "$tool" verify "$package" "$work/ca.pem" 2>/dev/null; then
-  echo "unexpected: a tampered package verified"; exit 1
-fi
+step "The signed package is still a package: rpm reads it, the payload unpacks."
+show rpm -qp demo.rpm 2>/dev/null
+rpm2cpio demo.rpm | cpio -t --quiet
+
+step "A stack holds at most three signatures: a fourth is refused and the file is left as it was."
+refused sealkeep sign demo.rpm --cert client.pem --key client.key
+
+step "Flip one bit of one byte of the package: verification catches it."
+cp demo.rpm tampered.rpm
+old=$(od -An -tu1 -j 200 -N 1 tampered.rpm | tr -d ' ')
+printf "\\$(printf '%03o' $(( old ^ 1 )))" | dd of=tampered.rpm bs=1 seek=200 conv=notrunc status=none
+echo "(OpenSSL's own diagnostics come first; the sealkeep line names the file and the verdict.)"
+refused sealkeep verify tampered.rpm --ca ca.pem
+
+step "Remove the newest (client) signature; the rest still verifies."
+show sealkeep strip demo.rpm --last
+show sealkeep verify demo.rpm --ca ca.pem
+
+step "The same calls from C++: a minimal client built with pkg-config alone."
+cd - >/dev/null
+c++ -std=c++17 -o "$work/sealkeep-example" examples/sealkeep_example.cpp $(pkg-config --cflags --libs sealkeep)
+show "$work/sealkeep-example" "$work/demo.rpm" "$work/ca.pem"
 
 step "done"

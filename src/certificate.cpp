@@ -14,6 +14,7 @@
 #include <sealkeep/sealkeep.h>
 
 #include "common/open_file.hpp"
+#include "common/pem_file.hpp"
 #include "common/ossl_ptr.hpp"
 
 namespace PackageSignatures {
@@ -133,9 +134,9 @@ bool Certificate::saveAsPem(const char* path) const
         std::cerr << "Could open file '" << sealkeep::printablePath(path) << "'" << std::endl;
         return false;
     }
-    // Buffered data reaches the disk at fclose, so a full disk may only show there.
-    bool written = get() && PEM_write_X509(file.get(), get()) == 1;
-    if (fclose(file.release()) != 0 || !written) {
+    X509* cert = get();
+    bool written = writePemAndClose(std::move(file), [cert](FILE* out) { return cert ? PEM_write_X509(out, cert) : 0; });
+    if (!written) {
         std::cerr << "Could not save X.509 certificate" << std::endl;
         return false;
     }

@@ -27,6 +27,7 @@
 #include "common/digests.hpp"
 #include "common/objects.hpp"
 #include "common/open_file.hpp"
+#include "common/pem_file.hpp"
 #include "common/ossl_ptr.hpp"
 
 namespace sealkeep {
@@ -358,11 +359,9 @@ FilePtr openInput(const char* path, const char* failurePrefix)
     return file;
 }
 
-// Buffered data reaches the disk at fclose, so a full disk may only show there.
 bool writeAndClose(FilePtr file, X509* cert)
 {
-    bool written = PEM_write_X509(file.get(), cert) == 1;
-    return fclose(file.release()) == 0 && written;
+    return writePemAndClose(std::move(file), [cert](FILE* out) { return PEM_write_X509(out, cert); });
 }
 
 }  // namespace

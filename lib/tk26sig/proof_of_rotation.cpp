@@ -9,6 +9,7 @@
 
 #include "common/digests.hpp"
 #include "common/open_file.hpp"
+#include "common/pem_file.hpp"
 #include "common/ossl_ptr.hpp"
 #include "common/rotation_limit.hpp"
 
@@ -158,9 +159,9 @@ bool saveChain(const char* outPath, ProofOfRotationChain* chain)
         fprintf(stderr, "Could not open resulting proof-of-rotation chain file: %m\n");
         return false;
     }
-    bool written = PEM_write_ProofOfRotationChain(file.get(), chain) && fflush(file.get()) == 0;
-    if (fclose(file.release()) != 0)
-        written = false;
+    bool written = writePemAndClose(std::move(file), [chain](FILE* out) {
+        return PEM_write_ProofOfRotationChain(out, chain);
+    });
     if (!written) {
         remove(outPath);
         fprintf(stderr, "Could not save resulting proof-of-rotation chain file\n");

@@ -1,0 +1,212 @@
+// sealkeep ca init / ca issue / rotate / rotation show, and the command's
+// usage, help and version.
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sealkeep/certificate.hpp>
+
+#include "support/cli_test.hpp"
+
+namespace sealkeep::test {
+namespace {
+
+using nlohmann::json;
+using PackageSignatures::Certificate;
+using PackageSignatures::Group;
+using PackageSignatures::Subgroup;
+
+class CliCa : public CliTest {
+protected:
+    // A request for a fresh key in the working directory.
+    std::string request(std::string const& name)
+    {
+        generateKey(work.file(name + ".key"));
+        writeRequest(work.file(name + ".key"), work.file(name + ".csr"), name);
+        return name + ".csr";
+    }
+
+    CommandResult issue(std::string const& out, std::string const& csr, std::string const& group)
+    {
+        return run({"ca", "issue", out, "--csr", csr, "--ca-key", pki->ca().keyPath, "--ca-cert",
+                    pki->ca().certPath, "--group", group});
+    }
+
+    std::string keyIdOf(std::string const& certPath)
+    {
+        return Certificate::readCertificateFromFile(certPath.c_str()).keyId();
+    }
+};
+
+TEST_F(CliCa, InitMakesASelfSignedCa)
+{
+    generateKey(work.file("ca.key"));
+    auto result = run({"ca", "init", "ca.pem", "--key", "ca.key", "--cn", "Command CA"});
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(result.output, "ca.pem: CA certificate for \"Command CA\"\n");
+    Certificate ca = Certificate::readCertificateFromFile(work.file("ca.pem").c_str());
+    EXPECT_EQ(ca.subject(), "Command CA");
+    EXPECT_TRUE(ca.verify(work.file("ca.pem").c_str()));
+}
+
+TEST_F(CliCa, InitRefusesAMissingKeyAndLeavesNoFile)
+{
+    auto result = run({"ca", "init", "ca.pem", "--key", "missing.key", "--cn", "Command CA"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.errors, "sealkeep: missing.key: cannot read the CA private key: No such file or directory\n");
+    EXPECT_FALSE(fileExists(work.file("ca.pem")));
+
+    writeText(work.file("garbage.key"), "not a key\n");
+    auto garbage = run({"ca", "init", "ca.pem", "--key", "garbage.key", "--cn", "Command CA"});
+    EXPECT_EQ(garbage.exitCode, 1);
+    EXPECT_EQ(garbage.errors,
+              "Could not read private key (wrong passphrase?)\nsealkeep: ca.pem: CA certificate not issued\n");
+    EXPECT_FALSE(fileExists(work.file("ca.pem")));
+}
+
+TEST_F(CliCa, IssueWritesACertificateOfTheGroup)
+{
+    std::string csr = request("mdm-signer");
+    auto result = issue("signer.pem", csr, "seclab:mdm");
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    Certificate signer = Certificate::readCertificateFromFile(work.file("signer.pem").c_str());
+    EXPECT_EQ(signer.group(), Group::Seclab);
+    EXPECT_EQ(signer.subgroup(), Subgroup::Mdm);
+    EXPECT_EQ(result.output,
+              "signer.pem: seclab:mdm certificate for \"mdm-signer\", key id " + signer.keyId() + "\n");
+    EXPECT_TRUE(signer.verify(pki->ca().certPath.c_str()));
+}
+
+TEST_F(CliCa, IssueChecksTheGroupBeforeWritingAnything)
+{
+    std::string csr = request("refused");
+    struct Case {
+        std::string group, message;
+    } cases[] = {
+        {"vip", "unknown group in \"vip\" (expected developer, seclab or client)"},
+        {"Developer", "unknown group in \"Developer\" (expected developer, seclab or client)"},
+        {"client:vip", "unknown subgroup in \"client:vip\" (leave it out for a regular signer)"},
+        {"developer:regular", "unknown subgroup in \"developer:regular\" (leave it out for a regular signer)"},
+    };
+    for (auto const& c : cases) {
+        auto result = issue("out.pem", csr, c.group);
+        EXPECT_EQ(result.exitCode, 1) << c.group;
+        EXPECT_EQ(result.errors, "sealkeep: out.pem: " + c.message + "\n");
+        EXPECT_FALSE(fileExists(work.file("out.pem"))) << c.group;
+    }
+    auto trailing = issue("out.pem", csr, "developer:");
+    EXPECT_EQ(trailing.exitCode, 1);
+    EXPECT_FALSE(fileExists(work.file("out.pem")));
+    auto missingGroup = run({"ca", "issue", "out.pem", "--csr", csr, "--ca-key", pki->ca().keyPath, "--ca-cert",
+                             pki->ca().certPath});
+    EXPECT_EQ(missingGroup.exitCode, 2);
+}
+
+TEST_F(CliCa, IssueReportsALibraryFailureNamingTheOutput)
+{
+    auto result = issue("out.pem", "missing.csr", "developer");
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.errors, "Could not open CSR file: No such file or directory\n"
+                             "sealkeep: out.pem: certificate not issued\n");
+    EXPECT_FALSE(fileExists(work.file("out.pem")));
+}
+
+TEST_F(CliCa, RotateMakesAndExtendsAChain)
+{
+    Identity a = pki->issue("rotate-a", "developer");
+    Identity b = pki->issue("rotate-b", "developer");
+    Identity c = pki->issue("rotate-c", "developer");
+    auto first = run({"rotate", "chain.pem", "--old-cert", a.certPath, "--old-key", a.keyPath, "--new-cert",
+                      b.certPath, "--new-key", b.keyPath});
+    EXPECT_EQ(first.exitCode, 0) << first.errors;
+    EXPECT_EQ(first.output, "chain.pem: 1 rotation, newest key " + keyIdOf(b.certPath) + "\n");
+
+    auto again = run({"rotate", "chain.pem", "--old-cert", b.certPath, "--old-key", b.keyPath, "--new-cert",
+                      c.certPath, "--new-key", c.keyPath});
+    EXPECT_EQ(again.exitCode, 1);
+    EXPECT_EQ(again.errors, "sealkeep: chain.pem: already exists (use --append to add a rotation to it)\n");
+
+    auto appended = run({"rotate", "chain.pem", "--append", "--old-cert", b.certPath, "--old-key", b.keyPath,
+                         "--new-cert", c.certPath, "--new-key", c.keyPath});
+    EXPECT_EQ(appended.exitCode, 0) << appended.errors;
+    EXPECT_EQ(appended.output, "chain.pem: 2 rotations, newest key " + keyIdOf(c.certPath) + "\n");
+
+    auto shown = run({"rotation", "show", "chain.pem", "--json"});
+    EXPECT_EQ(shown.exitCode, 0) << shown.errors;
+    json chain = json::parse(shown.output);
+    EXPECT_EQ(chain["verified"], true);
+    ASSERT_EQ(chain["rotations"].size(), 2u);
+    EXPECT_EQ(chain["rotations"][0]["old"], json({{"subject", "rotate-a"}, {"keyId", keyIdOf(a.certPath)}}));
+    EXPECT_EQ(chain["rotations"][1]["new"], json({{"subject", "rotate-c"}, {"keyId", keyIdOf(c.certPath)}}));
+
+    auto text = run({"rotation", "show", "chain.pem"});
+    EXPECT_EQ(text.exitCode, 0);
+    EXPECT_EQ(text.output, "chain.pem: 2 rotations, every proof verifies\n"
+                           "  1: \"rotate-a\" " + keyIdOf(a.certPath) + " -> \"rotate-b\" " + keyIdOf(b.certPath) +
+                               "\n"
+                               "  2: \"rotate-b\" " + keyIdOf(b.certPath) + " -> \"rotate-c\" " +
+                               keyIdOf(c.certPath) + "\n");
+}
+
+TEST_F(CliCa, RotateRefusals)
+{
+    Identity a = pki->issue("refuse-a", "developer");
+    Identity b = pki->issue("refuse-b", "developer");
+    auto noChain = run({"rotate", "chain.pem", "--append", "--old-cert", a.certPath, "--old-key", a.keyPath,
+                        "--new-cert", b.certPath, "--new-key", b.keyPath});
+    EXPECT_EQ(noChain.exitCode, 1);
+    EXPECT_EQ(noChain.errors, "sealkeep: chain.pem: cannot append to the chain: No such file or directory\n");
+
+    // The old key does not belong to the old certificate: the proof does not verify.
+    auto wrongKey = run({"rotate", "chain.pem", "--old-cert", a.certPath, "--old-key", b.keyPath, "--new-cert",
+                         b.certPath, "--new-key", b.keyPath});
+    EXPECT_EQ(wrongKey.exitCode, 1);
+    std::string line = "sealkeep: chain.pem: rotation not recorded\n";
+    ASSERT_GE(wrongKey.errors.size(), line.size());
+    EXPECT_EQ(wrongKey.errors.substr(wrongKey.errors.size() - line.size()), line) << wrongKey.errors;
+    EXPECT_FALSE(fileExists(work.file("chain.pem")));
+
+    auto missing = run({"rotation", "show", "missing.pem"});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_NE(missing.errors.find("sealkeep: missing.pem: cannot read the rotation chain\n"), std::string::npos);
+    EXPECT_EQ(run({"rotation"}).exitCode, 2);
+}
+
+// ---------------------------------------------------------------------------
+// Usage
+
+TEST_F(CliCa, VersionAndHelp)
+{
+    auto version = run({"--version"});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.output, "sealkeep " SEALKEEP_TEST_VERSION "\n");
+    for (auto const& words : std::vector<std::vector<std::string>>{{"sign"},
+                                                                    {"verify"},
+                                                                    {"inspect"},
+                                                                    {"strip"},
+                                                                    {"ca", "init"},
+                                                                    {"ca", "issue"},
+                                                                    {"rotate"},
+                                                                    {"rotation", "show"}}) {
+        std::vector<std::string> args = words;
+        args.push_back("--help");
+        auto help = run(args);
+        std::string usage = "Usage: sealkeep " + words[0] + (words.size() > 1 ? " " + words[1] : "") + " [OPTIONS]";
+        EXPECT_EQ(help.exitCode, 0) << usage;
+        EXPECT_NE(help.output.find(usage), std::string::npos) << help.output;
+    }
+}
+
+TEST_F(CliCa, BadUsageExitsWithTwo)
+{
+    auto none = run({});
+    EXPECT_EQ(none.exitCode, 2);
+    EXPECT_EQ(none.errors, "sealkeep: A subcommand is required (see --help)\n");
+    EXPECT_EQ(run({"frobnicate"}).exitCode, 2);
+    EXPECT_EQ(run({"ca"}).exitCode, 2);
+    EXPECT_EQ(run({"inspect"}).exitCode, 2);
+}
+
+}  // namespace
+}  // namespace sealkeep::test

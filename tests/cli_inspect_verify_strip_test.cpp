@@ -1,0 +1,228 @@
+// sealkeep inspect, verify and strip on real signed packages.
+#include <string>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sealkeep/certificate.hpp>
+
+#include "support/cli_test.hpp"
+#include "support/signing.hpp"
+
+namespace sealkeep::test {
+namespace {
+
+using nlohmann::json;
+using PackageSignatures::Certificate;
+
+class CliPackages : public CliTest {
+protected:
+    std::string signedPackage(std::string const& name = "package.rpm")
+    {
+        std::string package = freshPackage(name);
+        for (Identity const* who : {&pki->developer(), &pki->seclab(), &pki->client()}) {
+            auto result = signAs(*who, package);
+            if (result.exitCode != 0)
+                ADD_FAILURE() << result.errors;
+        }
+        return package;
+    }
+
+    void flipByte(std::string const& path, long offset)
+    {
+        Bytes bytes = readFile(path);
+        bytes.at(offset) ^= 1;
+        writeFile(path, bytes);
+    }
+};
+
+// ---------------------------------------------------------------------------
+// inspect
+
+TEST_F(CliPackages, InspectDescribesEveryBlockAsJson)
+{
+    std::string package = signedPackage();
+    auto result = run({"inspect", package, "--json"});
+    ASSERT_EQ(result.exitCode, 0) << result.errors;
+    json description = json::parse(result.output);
+    EXPECT_EQ(description["path"], package);
+    EXPECT_EQ(description["rpm"], true);
+    ASSERT_EQ(description["blocks"].size(), 3u);
+    char const* groups[] = {"developer", "seclab", "client"};
+    Identity const* identities[] = {&pki->developer(), &pki->seclab(), &pki->client()};
+    long packageSize = fileSize(rpmTemplate);
+    for (int i = 0; i < 3; ++i) {
+        json const& block = description["blocks"][i];
+        Certificate certificate = Certificate::readCertificateFromFile(identities[i]->certPath.c_str());
+        EXPECT_EQ(block["index"], i + 1);
+        EXPECT_EQ(block["version"], 3);
+        EXPECT_EQ(block["length"], block["end"].get<long>() - block["begin"].get<long>());
+        EXPECT_EQ(block["signer"]["group"], groups[i]);
+        EXPECT_EQ(block["signer"]["subgroup"], "regular");
+        EXPECT_EQ(block["signer"]["subject"], certificate.subject());
+        EXPECT_EQ(block["signer"]["keyId"], certificate.keyId());
+        EXPECT_EQ(block["signer"]["issuer"], "CN=sealkeep test CA");
+        EXPECT_EQ(block["signer"]["signingTime"].get<std::string>().size(), 20u);
+        EXPECT_EQ(block["signer"]["notBefore"].get<std::string>().back(), 'Z');
+        EXPECT_TRUE(block["rotationChain"].empty());
+        EXPECT_TRUE(block["fileSignatures"]["count"].is_number());
+        EXPECT_FALSE(block["fileSignatures"].contains("files"));
+        EXPECT_TRUE(block["trustedApplications"].is_array());
+    }
+    json const& blocks = description["blocks"];
+    EXPECT_EQ(blocks[0]["covered"]["begin"], 0);
+    EXPECT_EQ(blocks[0]["covered"]["end"], packageSize);
+    EXPECT_EQ(blocks[0]["begin"], packageSize + 8);
+    EXPECT_EQ(blocks[1]["covered"]["begin"], blocks[0]["begin"]);
+    EXPECT_EQ(blocks[1]["covered"]["end"], blocks[0]["end"].get<long>() + 12);
+    EXPECT_EQ(blocks[2]["end"].get<long>() + 12, fileSize(package));
+
+    auto withFiles = run({"inspect", package, "--json", "--files"});
+    ASSERT_EQ(withFiles.exitCode, 0);
+    EXPECT_TRUE(json::parse(withFiles.output)["blocks"][0]["fileSignatures"]["files"].is_array());
+}
+
+TEST_F(CliPackages, InspectPrintsAWalkthroughOfAReadOnlyFile)
+{
+    std::string package = signedPackage();
+    ASSERT_EQ(chmod(package.c_str(), 0444), 0);
+    Bytes before = readFile(package);
+    auto result = run({"inspect", package, "--files"});
+    ASSERT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(result.output.rfind(package + ": RPM package, 3 signatures\nblock 1: version 3, CMS at ", 0), 0u)
+        << result.output;
+    Certificate developer = Certificate::readCertificateFromFile(pki->developer().certPath.c_str());
+    EXPECT_NE(result.output.find("  signer: \"" + developer.subject() + "\" developer:regular\n    key id " +
+                                 developer.keyId() + "\n    issued by CN=sealkeep test CA, valid "),
+              std::string::npos)
+        << result.output;
+    EXPECT_NE(result.output.find("  rotation chain: none\n"), std::string::npos);
+    EXPECT_NE(result.output.find("  trusted applications: "), std::string::npos);
+    EXPECT_EQ(readFile(package), before);
+}
+
+TEST_F(CliPackages, InspectShowsTheRotationChainOfASigner)
+{
+    Identity old = pki->issue("inspect-old", "developer");
+    Identity current = pki->issue("inspect-new", "developer");
+    auto rotated = run({"rotate", "chain.pem", "--old-cert", old.certPath, "--old-key", old.keyPath, "--new-cert",
+                        current.certPath, "--new-key", current.keyPath});
+    ASSERT_EQ(rotated.exitCode, 0) << rotated.errors;
+    std::string package = freshPackage();
+    auto signedResult = signAs(current, package, {"--rotation-chain", "chain.pem"});
+    ASSERT_EQ(signedResult.exitCode, 0) << signedResult.errors;
+
+    std::string oldKeyId = Certificate::readCertificateFromFile(old.certPath.c_str()).keyId();
+    std::string newKeyId = Certificate::readCertificateFromFile(current.certPath.c_str()).keyId();
+    auto result = run({"inspect", package, "--json"});
+    ASSERT_EQ(result.exitCode, 0);
+    json chain = json::parse(result.output)["blocks"][0]["rotationChain"];
+    EXPECT_EQ(chain, json::parse("[{\"old\":\"" + oldKeyId + "\",\"new\":\"" + newKeyId + "\"}]"));
+    EXPECT_NE(run({"inspect", package}).output.find("  rotation chain: " + oldKeyId + " -> " + newKeyId + "\n"),
+              std::string::npos);
+    EXPECT_EQ(run({"verify", package, "--ca", pki->ca().certPath}).exitCode, 0);
+}
+
+TEST_F(CliPackages, InspectOfAnUnsignedFileAndOfAMissingOne)
+{
+    writeText(work.file("notes.txt"), "plain text\n");
+    auto plain = run({"inspect", "notes.txt"});
+    EXPECT_EQ(plain.exitCode, 0);
+    EXPECT_EQ(plain.output, "notes.txt: not an RPM package, 0 signatures\n");
+    auto missing = run({"inspect", "missing.rpm"});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_EQ(missing.errors, "sealkeep: missing.rpm: cannot open: No such file or directory\n");
+}
+
+// ---------------------------------------------------------------------------
+// verify
+
+TEST_F(CliPackages, VerifyPrintsTheVerdict)
+{
+    std::string package = signedPackage();
+    auto result = run({"verify", package, "--ca", pki->ca().certPath});
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(result.output, package + ": verified (3 signatures)\n");
+    EXPECT_EQ(result.errors, "");
+}
+
+TEST_F(CliPackages, VerifyJsonHasOneObjectPerPackage)
+{
+    std::string good = signedPackage("good.rpm");
+    std::string unsignedPackage = freshPackage("unsigned.rpm");
+    auto result = run({"verify", good, unsignedPackage, "--ca", pki->ca().certPath, "--json"});
+    EXPECT_EQ(result.exitCode, 1);
+    json verdicts = json::parse(result.output);
+    ASSERT_EQ(verdicts["packages"].size(), 2u);
+    EXPECT_EQ(verdicts["packages"][0],
+              json({{"path", good}, {"verified", true}, {"signatures", 3}, {"blocks", json::array()}}));
+    EXPECT_EQ(verdicts["packages"][1], json({{"path", unsignedPackage},
+                                             {"verified", false},
+                                             {"signatures", 0},
+                                             {"blocks", json::array()},
+                                             {"error", "no signatures"}}));
+    EXPECT_EQ(result.errors, "sealkeep: " + unsignedPackage + ": no signatures\n");
+}
+
+TEST_F(CliPackages, VerifyCatchesAFlippedByte)
+{
+    std::string package = signedPackage();
+    flipByte(package, 200);
+    auto result = run({"verify", package, "--ca", pki->ca().certPath});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.output, package + ": refused\n");
+    std::string line = "sealkeep: " + package + ": the signatures do not verify against " + pki->ca().certPath + "\n";
+    ASSERT_GE(result.errors.size(), line.size());
+    EXPECT_EQ(result.errors.substr(result.errors.size() - line.size()), line) << result.errors;
+}
+
+TEST_F(CliPackages, VerifyRefusesAMissingCaOrPackage)
+{
+    std::string package = signedPackage();
+    auto noCa = run({"verify", package, "--ca", "missing-ca.pem"});
+    EXPECT_EQ(noCa.exitCode, 1);
+    EXPECT_EQ(noCa.errors, "sealkeep: missing-ca.pem: cannot read the CA certificates: No such file or directory\n");
+    EXPECT_EQ(noCa.output, "");
+    auto noPackage = run({"verify", "missing.rpm", "--ca", pki->ca().certPath});
+    EXPECT_EQ(noPackage.exitCode, 1);
+    EXPECT_EQ(noPackage.errors, "sealkeep: missing.rpm: cannot open: No such file or directory\n");
+    EXPECT_EQ(run({"verify", package}).exitCode, 2);
+}
+
+// ---------------------------------------------------------------------------
+// strip
+
+TEST_F(CliPackages, StripRemovesEverySignature)
+{
+    std::string package = signedPackage();
+    auto result = run({"strip", package});
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(result.output, package + ": removed 3 of 3 signatures\n");
+    EXPECT_EQ(readFile(package), readFile(rpmTemplate));
+    auto again = run({"strip", package});
+    EXPECT_EQ(again.exitCode, 0);
+    EXPECT_EQ(again.output, package + ": no signatures to remove\n");
+}
+
+TEST_F(CliPackages, StripLastRemovesOnlyTheNewest)
+{
+    std::string package = signedPackage();
+    auto result = run({"strip", package, "--last"});
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(result.output, package + ": removed 1 of 3 signatures\n");
+    auto verified = run({"verify", package, "--ca", pki->ca().certPath});
+    EXPECT_EQ(verified.output, package + ": verified (2 signatures)\n");
+}
+
+TEST_F(CliPackages, StripRefusesAFileItCannotOpen)
+{
+    auto result = run({"strip", "missing.rpm", "--last"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.errors, "sealkeep: missing.rpm: cannot open for writing: No such file or directory\n");
+}
+
+}  // namespace
+}  // namespace sealkeep::test

@@ -1,0 +1,20 @@
+// Running the built sealkeep command as a person would: from a shell in a
+// working directory, with plain arguments.
+#ifndef SEALKEEP_TESTS_SUPPORT_SEALKEEP_COMMAND_HPP
+#define SEALKEEP_TESTS_SUPPORT_SEALKEEP_COMMAND_HPP
+
+#include <string>
+#include <vector>
+
+#include "support/process.hpp"
+
+namespace sealkeep::test {
+
+// Runs `sealkeep args...` in dir.
+CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const& args);
+// The text as one shell word.
+std::string shellQuoted(std::string const& text);
+
+}  // namespace sealkeep::test
+
+#endif

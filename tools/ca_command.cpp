@@ -1,0 +1,125 @@
+// sealkeep ca init / ca issue: a small certificate authority for package
+// signers, over the library's make_ca_certificate and make_certificate.
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include <sealkeep/sealkeep.hpp>
+
+#include "cli.hpp"
+
+namespace sealkeep::cli {
+namespace {
+
+namespace ps = PackageSignatures;
+
+struct InitOptions {
+    std::string out;
+    std::string key;
+    std::string commonName;
+};
+
+struct IssueOptions {
+    std::string out;
+    std::string request;
+    std::string caKey;
+    std::string caCert;
+    std::string group;
+};
+
+bool readable(std::string const& path, std::string const& what)
+{
+    if (std::ifstream(path))
+        return true;
+    reportFailure(path, "cannot read the " + what + ": " + systemReason());
+    return false;
+}
+
+bool exists(std::string const& path)
+{
+    return static_cast<bool>(std::ifstream(path));
+}
+
+// Why text is no group text a verifier reads back as written: a known group,
+// optionally followed by ':' and a known subgroup. Read back through the
+// library's own parsers, so that both sides agree.
+std::optional<std::string> groupTextProblem(std::string const& text)
+{
+    ps::Group group = ps::groupFromString(text.c_str());
+    if (group == ps::Group::None)
+        return "unknown group in \"" + text + "\" (expected developer, seclab or client)";
+    std::string expected = ps::groupToString(group);
+    if (text.find(':') != std::string::npos) {
+        ps::Subgroup subgroup = ps::subgroupFromString(text.c_str());
+        if (subgroup == ps::Subgroup::None)
+            return "unknown subgroup in \"" + text + "\" (leave it out for a regular signer)";
+        expected += ":" + ps::subgroupToString(subgroup);
+    }
+    if (text != expected)
+        return "group text \"" + text + "\" would be read back as \"" + expected + "\"";
+    return std::nullopt;
+}
+
+int runInit(InitOptions const& options)
+{
+    if (!readable(options.key, "CA private key"))
+        return statusFailed;
+    bool existed = exists(options.out);
+    if (make_ca_certificate(options.out.c_str(), options.key.c_str(), options.commonName.c_str()) != 0) {
+        // The library creates its output first; do not leave an empty one behind.
+        if (!existed)
+            std::remove(options.out.c_str());
+        reportFailure(options.out, "CA certificate not issued");
+        return statusFailed;
+    }
+    printLine(options.out + ": CA certificate for \"" + options.commonName + "\"");
+    return statusOk;
+}
+
+int runIssue(IssueOptions const& options)
+{
+    if (auto problem = groupTextProblem(options.group)) {
+        reportFailure(options.out, *problem);
+        return statusFailed;
+    }
+    if (make_certificate(options.out.c_str(), options.request.c_str(), options.caKey.c_str(),
+                         options.caCert.c_str(), options.group.c_str()) != 0) {
+        reportFailure(options.out, "certificate not issued");
+        return statusFailed;
+    }
+    ps::Certificate issued = ps::Certificate::readCertificateFromFile(options.out.c_str());
+    printLine(options.out + ": " + options.group + " certificate for \"" + issued.subject() + "\", key id " +
+              issued.keyId());
+    return statusOk;
+}
+
+}  // namespace
+
+void addCaCommands(CLI::App& app, int& status)
+{
+    CLI::App* ca = app.add_subcommand("ca", "Run a certificate authority for package signers");
+    ca->require_subcommand(1);
+
+    auto init = std::make_shared<InitOptions>();
+    CLI::App* initCommand = ca->add_subcommand("init", "Issue a self-signed CA certificate for a key");
+    initCommand->add_option("certificate", init->out, "CA certificate to write (PEM)")->required();
+    initCommand->add_option("--key", init->key, "CA private key (PEM)")->required();
+    initCommand->add_option("--cn", init->commonName, "Common name of the CA")->required();
+    initCommand->callback([init, &status] { status = runInit(*init); });
+
+    auto issue = std::make_shared<IssueOptions>();
+    CLI::App* issueCommand = ca->add_subcommand("issue", "Issue a signer certificate from a request");
+    issueCommand->add_option("certificate", issue->out, "Certificate to write (PEM)")->required();
+    issueCommand->add_option("--csr", issue->request, "Certificate request (PEM)")->required();
+    issueCommand->add_option("--ca-key", issue->caKey, "CA private key (PEM)")->required();
+    issueCommand->add_option("--ca-cert", issue->caCert, "CA certificate (PEM)")->required();
+    issueCommand
+        ->add_option("--group", issue->group, "Signer group, optionally with a subgroup: developer, seclab:mdm, ...")
+        ->required();
+    issueCommand->callback([issue, &status] { status = runIssue(*issue); });
+}
+
+}  // namespace sealkeep::cli
