@@ -8,6 +8,8 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
+
+#include <sys/stat.h>
 #include <openssl/bio.h>
 #include <openssl/buffer.h>
 #include <openssl/cms.h>
@@ -162,7 +164,10 @@ json describePackage(std::string const& path, PackageSignatures::FileWithCmses& 
                      std::vector<BlockLayout> const& layout, bool withFiles)
 {
     std::vector<Cms> cmses = file.cmses();
-    std::vector<std::string> names = file.isRpmPackage() ? packageFileNames(path) : std::vector<std::string>{};
+    // isRpmPackage() never returns on a file shorter than its 4-byte magic.
+    struct stat status {};
+    const bool rpm = fstat(file.fd(), &status) == 0 && status.st_size >= 4 && file.isRpmPackage();
+    std::vector<std::string> names = rpm ? packageFileNames(path) : std::vector<std::string>{};
     json blocks = json::array();
     for (std::size_t i = 0; i < cmses.size() && i < layout.size(); ++i) {
         BlockLayout const& at = layout[i];
@@ -181,7 +186,7 @@ json describePackage(std::string const& path, PackageSignatures::FileWithCmses& 
             block["fileSignatures"]["files"] = std::move(files);
         blocks.push_back(std::move(block));
     }
-    return {{"path", path}, {"rpm", file.isRpmPackage()}, {"blocks", blocks}};
+    return {{"path", path}, {"rpm", rpm}, {"blocks", blocks}};
 }
 
 std::string rangeText(json const& from, json const& to)
