@@ -12,7 +12,7 @@ if [ ! -f "$corpus/ca.pem" ]; then
   "$build/fuzz/make_fuzz_seeds" "$corpus"
 fi
 export SEALKEEP_FUZZ_CA="$corpus/ca.pem"
-for target in signed_file cms rotation_chain; do
+for target in signed_file cms rotation_chain package_signing; do
   mkdir -p "$corpus/$target"
   echo "== ${target}_fuzz for ${seconds}s"
   "$build/fuzz/${target}_fuzz" -max_total_time="$seconds" -max_len=65536 -timeout=10 -close_fd_mask=2 \
