@@ -24,18 +24,15 @@
 #include <string>
 
 #include <openssl/evp.h>
-#include <rpm/header.h>
 #include <rpm/rpmfi.h>
 #include <rpm/rpmarchive.h>  // after rpmfi.h, whose types it uses
-#include <rpm/rpmfiles.h>
-#include <rpm/rpmio.h>
-#include <rpm/rpmlib.h>
 #include <sys/resource.h>
 
 #include <sealkeep/sealkeep.hpp>
 
 #include "support/cms_builder.hpp"
 #include "support/files.hpp"
+#include "support/payload_signatures.hpp"
 #include "support/pki.hpp"
 #include "support/process.hpp"
 #include "support/rpm_builder.hpp"
@@ -98,11 +95,6 @@ void digestAndSign(EVP_MD_CTX* ctx, EVP_PKEY* key)
         throw std::runtime_error("floor: signing failed");
 }
 
-using RpmFdPtr = std::unique_ptr<_FD_s, Deleter<Fclose>>;
-using HeaderPtr = std::unique_ptr<headerToken_s, Deleter<headerFree>>;
-using RpmFilesPtr = std::unique_ptr<rpmfiles_s, Deleter<rpmfilesFree>>;
-using RpmFiPtr = std::unique_ptr<rpmfi_s, Deleter<rpmfiFree>>;
-
 // The work no signer of this kind can avoid: the whole-file digest, one
 // decompression of the payload with a digest and a signature per file.
 void floorWork(Bytes const& bytes, std::string const& path, EVP_PKEY* key)
@@ -112,28 +104,19 @@ void floorWork(Bytes const& bytes, std::string const& path, EVP_PKEY* key)
     if (!EVP_Digest(bytes.data(), bytes.size(), digest, nullptr, md, nullptr))
         throw std::runtime_error("floor: digest failed");
 
-    RpmFdPtr fd(Fopen(path.c_str(), "r.ufdio"));
-    Header read = nullptr;
-    if (!fd || rpmReadPackageFile(nullptr, fd.get(), nullptr, &read) != RPMRC_OK)
-        throw std::runtime_error("floor: cannot read header");
-    HeaderPtr header(read);
-    if (!Fdopen(fd.get(), "r.zstd"))
-        throw std::runtime_error("floor: cannot open payload");
-    RpmFilesPtr files(rpmfilesNew(nullptr, header.get(), 0, RPMFI_KEEPHEADER));
-    RpmFiPtr fi(rpmfiNewArchiveReader(fd.get(), files.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST));
     MdCtxPtr ctx(EVP_MD_CTX_new());
     unsigned char piece[4096];
-    while (rpmfiNext(fi.get()) >= 0) {
+    forEachPayloadFile(path, [&](rpmfi fi) {
         EVP_DigestInit_ex(ctx.get(), md, nullptr);
-        for (auto left = rpmfiFSize(fi.get()); left > 0;) {
+        for (auto left = rpmfiFSize(fi); left > 0;) {
             auto wanted = std::min<rpm_loff_t>(left, sizeof piece);
-            if (rpmfiArchiveRead(fi.get(), piece, wanted) != static_cast<ssize_t>(wanted))
+            if (rpmfiArchiveRead(fi, piece, wanted) != static_cast<ssize_t>(wanted))
                 throw std::runtime_error("floor: short read");
             EVP_DigestUpdate(ctx.get(), piece, wanted);
             left -= wanted;
         }
         digestAndSign(ctx.get(), key);
-    }
+    });
 }
 
 void SignWithFileSignatures(benchmark::State& state)

@@ -2,7 +2,6 @@
 // signed header made for each (rpmfi_ta_shdr), parsed here field by field and
 // checked with openssl pkeyutl; and how they travel through cms_sign.
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -10,12 +9,7 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
-#include <rpm/header.h>
 #include <rpm/rpmfi.h>
-#include <rpm/rpmarchive.h>  // after rpmfi.h, whose types it uses
-#include <rpm/rpmfiles.h>
-#include <rpm/rpmio.h>
-#include <rpm/rpmlib.h>
 
 #include <sealkeep/sealkeep.h>
 
@@ -39,29 +33,6 @@ const Bytes expectedUuid = {0x8a, 0xaa, 0xf2, 0x00, 0x24, 0x50, 0x11, 0xe4,
                             0xab, 0xe2, 0x00, 0x02, 0xa5, 0xd5, 0xc5, 0x1b};
 
 using GArrayPtr = std::unique_ptr<GArray, Deleter<g_array_unref>>;
-using RpmFdPtr = std::unique_ptr<_FD_s, Deleter<Fclose>>;
-using HeaderPtr = std::unique_ptr<headerToken_s, Deleter<headerFree>>;
-using RpmFilesPtr = std::unique_ptr<rpmfiles_s, Deleter<rpmfilesFree>>;
-using RpmFiPtr = std::unique_ptr<rpmfi_s, Deleter<rpmfiFree>>;
-
-// Walks the payload of the package at path with librpm, calling visit on
-// every file with the iterator standing on it.
-void forEachPayloadFile(std::string const& path, std::function<void(rpmfi)> const& visit)
-{
-    RpmFdPtr fd(Fopen(path.c_str(), "r.ufdio"));
-    ASSERT_TRUE(fd && !Ferror(fd.get()));
-    Header read = nullptr;
-    ASSERT_EQ(RPMRC_OK, rpmReadPackageFile(nullptr, fd.get(), nullptr, &read));
-    HeaderPtr header(read);
-    const char* compressor = headerGetString(header.get(), RPMTAG_PAYLOADCOMPRESSOR);
-    ASSERT_TRUE(Fdopen(fd.get(), (std::string("r.") + (compressor ? compressor : "gzip")).c_str()));
-    RpmFilesPtr files(rpmfilesNew(nullptr, header.get(), 0, RPMFI_KEEPHEADER));
-    RpmFiPtr fi(rpmfiNewArchiveReader(fd.get(), files.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST));
-    ASSERT_TRUE(fi);
-    while (rpmfiNext(fi.get()) >= 0)
-        visit(fi.get());
-}
-
 // The header fields, read on their own from the hex text.
 struct ParsedHeader {
     uint32_t magic, imgType, imgSize, algo;

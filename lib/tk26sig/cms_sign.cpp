@@ -101,6 +101,20 @@ bool addSequenceAttribute(CMS_SignerInfo* signer, int nid, const unsigned char* 
     return true;
 }
 
+// One table of per-file signatures as the signed attribute nid.
+bool addFileSignatures(CMS_SignerInfo* signer, int nid, FileSignatures* table, const char* serializeFailure,
+                       const char* createFailure)
+{
+    unsigned char* der = nullptr;
+    int length = i2d_FileSignatures(table, &der);
+    OpensslBytesPtr derOwner(der);
+    if (length <= 0) {
+        fputs(serializeFailure, stderr);
+        return false;
+    }
+    return addSequenceAttribute(signer, nid, der, length, createFailure, "Could not add CMS attribute\n");
+}
+
 // Per-file signatures of an RPM package: both tables, IMA first, always
 // together (also when empty). Anything that is not a package starting with the
 // RPM lead, or signing without signFiles, gets neither and is signed as plain
@@ -116,26 +130,12 @@ bool addPayloadSignatures(CMS_SignerInfo* signer, int fd, const EVP_MD* md, X509
         fprintf(stderr, "Could not sign files in package\n");
         return false;
     }
-    unsigned char* imaDer = nullptr;
-    int imaLength = i2d_FileSignatures(tables->ima.get(), &imaDer);
-    OpensslBytesPtr imaOwner(imaDer);
-    if (imaLength <= 0) {
-        fprintf(stderr, "Could not serialize ima file signatures\n");
-        return false;
-    }
-    unsigned char* taDer = nullptr;
-    int taLength = i2d_FileSignatures(tables->ta.get(), &taDer);
-    OpensslBytesPtr taOwner(taDer);
-    if (taLength <= 0) {
-        fprintf(stderr, "Could not serialize ta file signatures\n");
-        return false;
-    }
-    return addSequenceAttribute(signer, packageFileSignaturesNid, imaDer, imaLength,
-                                "Could create ima file signatures X.509 attribute\n",
-                                "Could not add CMS attribute\n") &&
-           addSequenceAttribute(signer, packageTrustletSignaturesNid, taDer, taLength,
-                                "Could create ta file signatures X.509 attribute\n",
-                                "Could not add CMS attribute\n");
+    return addFileSignatures(signer, packageFileSignaturesNid, tables->ima.get(),
+                             "Could not serialize ima file signatures\n",
+                             "Could create ima file signatures X.509 attribute\n") &&
+           addFileSignatures(signer, packageTrustletSignaturesNid, tables->ta.get(),
+                             "Could not serialize ta file signatures\n",
+                             "Could create ta file signatures X.509 attribute\n");
 }
 
 char* keyidOf(X509* cert)

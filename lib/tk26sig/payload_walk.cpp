@@ -24,15 +24,12 @@
 
 #include <sealkeep/sealkeep.h>
 
+#include "common/rpm_ptr.hpp"
 #include "tk26sig/payload_read.hpp"
 
 namespace sealkeep {
 namespace {
 
-using RpmFdPtr = std::unique_ptr<_FD_s, Deleter<Fclose>>;
-using HeaderPtr = std::unique_ptr<headerToken_s, Deleter<headerFree>>;
-using RpmFilesPtr = std::unique_ptr<rpmfiles_s, Deleter<rpmfilesFree>>;
-using RpmFiPtr = std::unique_ptr<rpmfi_s, Deleter<rpmfiFree>>;
 using GArrayPtr = std::unique_ptr<GArray, Deleter<g_array_unref>>;
 
 using Value = std::vector<unsigned char>;

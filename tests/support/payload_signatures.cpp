@@ -8,7 +8,13 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
+#include <rpm/rpmfi.h>
+#include <rpm/rpmarchive.h>  // after rpmfi.h, whose types it uses
+#include <rpm/rpmlib.h>
+
 #include <sealkeep/sealkeep.h>
+
+#include "../../lib/common/rpm_ptr.hpp"
 
 #include "support/process.hpp"
 #include "support/stderr_capture.hpp"
@@ -99,6 +105,23 @@ std::vector<std::string> packageFileNames(std::string const& rpmPath)
     for (std::string line; std::getline(lines, line);)
         names.push_back(line);
     return names;
+}
+
+void forEachPayloadFile(std::string const& path, std::function<void(rpmfi)> const& visit)
+{
+    RpmFdPtr fd(Fopen(path.c_str(), "r.ufdio"));
+    require(fd && !Ferror(fd.get()), "cannot open " + path);
+    Header read = nullptr;
+    require(rpmReadPackageFile(nullptr, fd.get(), nullptr, &read) == RPMRC_OK, "cannot read header of " + path);
+    HeaderPtr header(read);
+    const char* compressor = headerGetString(header.get(), RPMTAG_PAYLOADCOMPRESSOR);
+    require(Fdopen(fd.get(), (std::string("r.") + (compressor ? compressor : "gzip")).c_str()) != nullptr,
+            "cannot open the payload of " + path);
+    RpmFilesPtr files(rpmfilesNew(nullptr, header.get(), 0, RPMFI_KEEPHEADER));
+    RpmFiPtr fi(rpmfiNewArchiveReader(fd.get(), files.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST));
+    require(fi != nullptr, "no archive reader for " + path);
+    while (rpmfiNext(fi.get()) >= 0)
+        visit(fi.get());
 }
 
 void unpackPayload(std::string const& rpmPath, std::string const& dir)

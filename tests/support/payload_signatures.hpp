@@ -4,11 +4,13 @@
 #ifndef SEALKEEP_TESTS_SUPPORT_PAYLOAD_SIGNATURES_HPP
 #define SEALKEEP_TESTS_SUPPORT_PAYLOAD_SIGNATURES_HPP
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <openssl/evp.h>
+#include <rpm/rpmtypes.h>
 
 #include "support/cms_builder.hpp"
 #include "support/files.hpp"
@@ -47,6 +49,10 @@ long tableVersion(Bytes const& der, int which);
 // The installed paths of the package's files, in header order (what entry
 // indices refer to).
 std::vector<std::string> packageFileNames(std::string const& rpmPath);
+// Walks the payload of the package at path with librpm's archive reader
+// (content first), calling visit with the iterator standing on each file in
+// archive order. Throws when the package cannot be opened.
+void forEachPayloadFile(std::string const& path, std::function<void(rpmfi)> const& visit);
 // Unpacks the payload with rpm2cpio | cpio under dir.
 void unpackPayload(std::string const& rpmPath, std::string const& dir);
 
