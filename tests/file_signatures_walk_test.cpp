@@ -11,6 +11,8 @@
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
 #include <openssl/x509v3.h>
+#include <rpm/rpmfi.h>
+#include <rpm/rpmarchive.h>  // after rpmfi.h, whose types it uses
 
 #include <sealkeep/sealkeep.h>
 
@@ -258,6 +260,15 @@ TEST_F(FileSignaturesWalk, AHardLinkSetOfThreeGivesThreeEntriesWithOneValue)
         setIndices.insert(ima[i].index);
     }
     EXPECT_EQ(3u, setIndices.size());
+    // As librpm sees the set: the member that carries the content, then
+    // positions 1 and 2 of its link list.
+    std::vector<long> expected;
+    forEachPayloadFile(rpm, [&](rpmfi fi) {
+        const int* members = nullptr;
+        if (rpmfiArchiveHasContent(fi) && rpmfiFLinks(fi, &members) == 3 && members)
+            expected = {rpmfiFX(fi), members[1], members[2]};
+    });
+    EXPECT_EQ(expected, (std::vector<long>{ima[first].index, ima[first + 1].index, ima[first + 2].index}));
     EXPECT_NE(ima[first].value, ima[position["/usr/share/hl/before"]].value);
     EXPECT_NE(ima[first].value, ima[position["/usr/share/hl/z-after"]].value);
 }
