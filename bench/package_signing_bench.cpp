@@ -125,10 +125,15 @@ void SignWithFileSignatures(benchmark::State& state)
     const Bytes bytes = readFile(path);
     LoadedSigner signer = loadSigner(pki().developer());
     double floorSeconds = 0, signSeconds = 0, plainSeconds = 0;
+    // The best of each as well: on a shared machine the minimum is the
+    // steadier figure.
+    double floorBest = 1e9, signBest = 1e9;
     for (auto _ : state) {
         auto start = Clock::now();
         floorWork(bytes, path, signer.key.get());
-        floorSeconds += secondsSince(start);
+        const double floorElapsed = secondsSince(start);
+        floorSeconds += floorElapsed;
+        floorBest = std::min(floorBest, floorElapsed);
 
         // For reference: the same signature without per-file signatures.
         start = Clock::now();
@@ -143,6 +148,7 @@ void SignWithFileSignatures(benchmark::State& state)
                                       signer.cert.get(), nullptr, &length);
         double elapsed = secondsSince(start);
         signSeconds += elapsed;
+        signBest = std::min(signBest, elapsed);
         state.SetIterationTime(elapsed);
         if (!der)
             state.SkipWithError("signing failed");
@@ -153,6 +159,7 @@ void SignWithFileSignatures(benchmark::State& state)
     state.counters["floor_ms"] = 1000 * floorSeconds / n;
     state.counters["no_files_ms"] = 1000 * plainSeconds / n;
     state.counters["ratio"] = signSeconds / floorSeconds;
+    state.counters["ratio_best"] = signBest / floorBest;
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(bytes.size()));
 }
 BENCHMARK(SignWithFileSignatures)->Arg(64)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
