@@ -299,6 +299,26 @@ TEST_F(FileSignaturesWalk, ASignedPackageStillVerifiesAndReads)
     EXPECT_NE(std::string::npos, unpacked.output.find("./usr/share/walk/data.bin")) << unpacked.output;
 }
 
+TEST_F(FileSignaturesWalk, APackageWithAnRpmSignatureOfAnUnknownKeyIsStillWalked)
+{
+    std::string rpm = buildRpm(dir->path(), "gpgsigned", mixedPayload(), "gzip");
+    std::string home = dir->file("gnupg");
+    auto made = runShell("mkdir -m 700 '" + home + "' && gpg --batch --homedir '" + home +
+                         "' --passphrase '' --quick-gen-key 'Sealkeep Test <test@example.org>' rsa2048 sign never"
+                         " && rpmsign --addsign --define '_gpg_name Sealkeep Test' --define '_gpg_path " + home +
+                         "' --define '__gpg /usr/bin/gpg' '" + rpm + "' </dev/null");
+    runCommand({"gpgconf", "--homedir", home, "--kill", "all"});  // no agent outlives the test
+    ASSERT_EQ(0, made.exitCode) << made.errors;
+    auto signing = signPackage(readFile(rpm), gost256->loaded.borrowed());
+    ASSERT_TRUE(signing.der) << signing.errors;
+    // Only librpm's own note that it does not know the key.
+    EXPECT_NE(std::string::npos, signing.errors.find("NOKEY")) << signing.errors;
+    EXPECT_EQ(std::string::npos, signing.errors.find("Could not")) << signing.errors;
+    auto ima = tableOf(*signing.der, 0);
+    ASSERT_TRUE(ima);
+    EXPECT_EQ(5u, ima->size());
+}
+
 TEST_F(FileSignaturesWalk, AFailingWalkLeavesThePackageAsItWas)
 {
     std::string rpm = buildRpm(dir->path(), "untouched", {regularFile("/usr/lib/optee_armtz/hello.ta", "hello")});
