@@ -1,7 +1,8 @@
 // Writes seed corpora for the fuzz targets from real material: a CA file and
 // its key, signed files with one to three blocks, each block's CMS alone and
 // with the bytes it covers, rotation chains in DER and PEM, certificates,
-// keys and a certificate request.
+// keys, a certificate request, and RPM packages (trusted applications, hard
+// links, every payload compressor).
 //
 //   make_fuzz_seeds OUTDIR
 // creates OUTDIR/ca.pem, OUTDIR/ca.key, OUTDIR/stack-prefix (a package with a
@@ -18,6 +19,7 @@
 #include "support/cms_builder.hpp"
 #include "support/files.hpp"
 #include "support/pki.hpp"
+#include "support/rpm_builder.hpp"
 #include "support/signing.hpp"
 
 using namespace sealkeep::test;
@@ -85,6 +87,28 @@ void writeCertificateSeeds(std::string const& out, Pki& pki)
 
 }  // namespace
 
+// Small packages that reach every branch of the payload walk.
+static void writePackageSeeds(std::string const& work, std::string const& outDir)
+{
+    const std::vector<PayloadEntry> entries = {
+        regularFile("/usr/lib/optee_armtz/8aaaf200-2450-11e4-abe2-0002a5d5c51b.ta", "trusted application"),
+        regularFile("/usr/lib/optee_armtz/8aaaf200-2450-11e4-abe20002a5d5c51b.ta", ""),
+        regularFile("/usr/lib/optee_armtz/readme.txt", "not a TA"),
+        regularFile("/usr/share/seed/a", "one content, three names"),
+        hardLink("/usr/share/seed/b", "/usr/share/seed/a"),
+        hardLink("/usr/share/seed/c", "/usr/share/seed/a"),
+        regularFile("/usr/share/seed/empty", ""),
+        directory("/usr/share/seed/dir"),
+        symbolicLink("/usr/share/seed/link", "a"),
+    };
+    for (const char* compressor : {"gzip", "zstd", "xz", "bzip2"}) {
+        std::string name = std::string("seed-") + compressor;
+        writeFile(outDir + "/" + name, readFile(buildRpm(work, name, entries, compressor)));
+    }
+    writeFile(outDir + "/hello-ta", readFile(buildRpm(work, "seed-hello", {regularFile("/usr/lib/optee_armtz/hello.ta", "x")})));
+    writeFile(outDir + "/no-files", readFile(buildRpm(work, "seed-empty", {})));
+}
+
 int main(int argc, char** argv)
 {
     if (argc != 2) {
@@ -93,7 +117,7 @@ int main(int argc, char** argv)
     }
     const std::string out = argv[1];
     for (const char* sub : {"signed_file", "cms", "rotation_chain", "cms_verify", "signature_stack",
-                            "rotation_chain_pem", "certificate", "pem_readers", "certificate_request"})
+                            "rotation_chain_pem", "certificate", "pem_readers", "certificate_request", "package_signing"})
         g_mkdir_with_parents((out + "/" + sub).c_str(), 0755);
 
     Pki pki;
@@ -133,5 +157,6 @@ int main(int argc, char** argv)
     for (auto const& cms : file->cmses())
         writeFile(out + "/cms/block" + std::to_string(i++), cms.data());
     writeCmsVerifySeeds(out, pki, path);
+    writePackageSeeds(pki.dir().path(), out + "/package_signing");
     return 0;
 }

@@ -19,7 +19,7 @@ if [ ! -f "$corpus/stack-prefix" ]; then
 fi
 export SEALKEEP_FUZZ_CA="$corpus/ca.pem"
 export SEALKEEP_FUZZ_STACK="$corpus/stack-prefix"
-targets=(signed_file cms rotation_chain)
+targets=(signed_file cms rotation_chain package_signing)
 targets+=(cms_verify signature_stack rotation_chain_pem certificate pem_readers certificate_request)
 if [ $# -gt 0 ]; then
   targets=("$@")
@@ -27,6 +27,6 @@ fi
 for target in "${targets[@]}"; do
   mkdir -p "$corpus/$target"
   echo "== ${target}_fuzz for ${seconds}s"
-  "$build/fuzz/${target}_fuzz" -max_total_time="$seconds" -max_len=65536 -timeout=5 -rss_limit_mb=512 \
+  "$build/fuzz/${target}_fuzz" -max_total_time="$seconds" -runs="${SEALKEEP_FUZZ_RUNS:-1000000}" -max_len=65536 -timeout=5 -rss_limit_mb=512 \
     -close_fd_mask=2 -artifact_prefix="$build/fuzz-crash-$target-" "$corpus/$target"
 done

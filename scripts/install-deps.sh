@@ -10,7 +10,7 @@ packages=(
   libsqlite3-dev sqlite3
   libglib2.0-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  zstd cpio
+  zstd cpio ima-evm-utils attr
   libcli11-dev nlohmann-json3-dev help2man
 )
 

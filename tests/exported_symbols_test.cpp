@@ -27,7 +27,7 @@ const std::set<std::string> flatInterface = {
     "cms_verify", "d2i_FileSignature", "d2i_FileSignatures", "d2i_ProofOfRotation", "d2i_ProofOfRotationChain",
     "d2i_ProofOfRotationSignedAttrs", "i2d_FileSignature", "i2d_FileSignatures", "i2d_ProofOfRotation",
     "i2d_ProofOfRotationChain", "i2d_ProofOfRotationSignedAttrs", "make_ca_certificate", "make_certificate",
-    "make_proof_of_rotation_chain", "private_key_read",
+    "make_proof_of_rotation_chain", "private_key_read", "is_fi_ta", "rpmfi_ta_shdr",
 };
 
 std::set<std::string> definedDynamicSymbols(bool demangle)

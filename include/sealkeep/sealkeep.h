@@ -146,6 +146,26 @@ bool cms_verify(const unsigned char *data, long len, CMS_ContentInfo *cms,
                 X509_STORE *store);
 
 /* ------------------------------------------------------------------------- */
+/* OP-TEE trusted applications in a package payload.                        */
+/* ------------------------------------------------------------------------- */
+
+/* The iterator type of librpm (<rpm/rpmtypes.h>) and GLib's byte array
+ * (<glib.h>), declared here so that the header needs neither; repeating the
+ * same typedef is valid C11 and C++. */
+typedef struct rpmfi_s *rpmfi;
+typedef struct _GArray GArray;
+
+/* 1 when the current file of fi is a trusted application: a name ending in
+ * ".ta" directly under /usr/lib/optee_armtz/; else 0. */
+int is_fi_ta(rpmfi fi);
+/* The OP-TEE signed header of the trusted application fi stands on, signed
+ * with taKey (RSA) by taAlgo (0x70414930 RSASSA-PSS or 0x70004830 PKCS#1
+ * v1.5, both SHA-256), as lower-case hex text in a new byte array
+ * (g_array_unref). Consumes the file's content from the archive, so it must
+ * be called before any of it is read. Null on failure. */
+GArray *rpmfi_ta_shdr(rpmfi fi, EVP_PKEY *taKey, unsigned int taAlgo);
+
+/* ------------------------------------------------------------------------- */
 /* Proofs of key rotation.                                                   */
 /* ------------------------------------------------------------------------- */
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 
 #include <glib.h>
 #include <openssl/cms.h>
@@ -14,6 +15,7 @@
 #include "common/digests.hpp"
 #include "common/objects.hpp"
 #include "common/ossl_ptr.hpp"
+#include "tk26sig/payload_walk.hpp"
 
 namespace sealkeep {
 namespace {
@@ -67,16 +69,16 @@ CMS_ContentInfo* newSignedData()
     return cms.release();
 }
 
-CMS_SignerInfo* addSigner(CMS_ContentInfo* cms, X509* cert, EVP_PKEY* key)
+CMS_SignerInfo* addSigner(CMS_ContentInfo* cms, X509* cert, EVP_PKEY* key, const EVP_MD** md)
 {
     if (!cert || !key) {
         fprintf(stderr, "Could not add CMS signer\n");
         return nullptr;
     }
-    const EVP_MD* md = defaultDigestOfKey(key);
-    if (!md)
+    *md = defaultDigestOfKey(key);
+    if (!*md)
         return nullptr;
-    CMS_SignerInfo* signer = CMS_add1_signer(cms, cert, key, md, signingFlags);
+    CMS_SignerInfo* signer = CMS_add1_signer(cms, cert, key, *md, signingFlags);
     if (!signer)
         fprintf(stderr, "Could not add CMS signer\n");
     return signer;
@@ -99,21 +101,41 @@ bool addSequenceAttribute(CMS_SignerInfo* signer, int nid, const unsigned char* 
     return true;
 }
 
-// ---------------------------------------------------------------------------
-// Payload walk: the single place where the per-file signatures of an RPM
-// package join the CMS. When signFiles is set and the range starts with the
-// RPM lead, the walk over fd is to make the IMA table and the trusted-
-// application table and add both, in that order, with addSequenceAttribute.
-// The walk is not part of the library yet, so a package is signed as plain
-// bytes for now.
-// ---------------------------------------------------------------------------
-bool addPayloadSignatures([[maybe_unused]] CMS_SignerInfo* signer, [[maybe_unused]] int fd,
+// One table of per-file signatures as the signed attribute nid.
+bool addFileSignatures(CMS_SignerInfo* signer, int nid, FileSignatures* table, const char* serializeFailure,
+                       const char* createFailure)
+{
+    unsigned char* der = nullptr;
+    int length = i2d_FileSignatures(table, &der);
+    OpensslBytesPtr derOwner(der);
+    if (length <= 0) {
+        fputs(serializeFailure, stderr);
+        return false;
+    }
+    return addSequenceAttribute(signer, nid, der, length, createFailure, "Could not add CMS attribute\n");
+}
+
+// Per-file signatures of an RPM package: both tables, IMA first, always
+// together (also when empty). Anything that is not a package starting with the
+// RPM lead, or signing without signFiles, gets neither and is signed as plain
+// bytes.
+bool addPayloadSignatures(CMS_SignerInfo* signer, int fd, const EVP_MD* md, X509* cert, EVP_PKEY* key,
                           const PayloadSigning& payload)
 {
     if (!payload.signFiles || !startsWithRpmLead(payload.data, payload.length))
-        return true;  // plain bytes: nothing to sign per file
-    // The payload walk is to be called here; its failure will fail signing.
-    return true;
+        return true;
+    std::optional<PayloadSignatures> tables =
+        signPayloadFiles(fd, key, md, cert, payload.taKey, payload.taAlgo);
+    if (!tables) {
+        fprintf(stderr, "Could not sign files in package\n");
+        return false;
+    }
+    return addFileSignatures(signer, packageFileSignaturesNid, tables->ima.get(),
+                             "Could not serialize ima file signatures\n",
+                             "Could create ima file signatures X.509 attribute\n") &&
+           addFileSignatures(signer, packageTrustletSignaturesNid, tables->ta.get(),
+                             "Could not serialize ta file signatures\n",
+                             "Could create ta file signatures X.509 attribute\n");
 }
 
 char* keyidOf(X509* cert)
@@ -206,10 +228,11 @@ extern "C" unsigned char* cms_sign(const unsigned char* data, size_t length, int
     CmsPtr cms(newSignedData());
     if (!cms)
         return nullptr;
-    CMS_SignerInfo* signer = addSigner(cms.get(), cert, key);
+    const EVP_MD* md = nullptr;
+    CMS_SignerInfo* signer = addSigner(cms.get(), cert, key, &md);
     if (!signer)
         return nullptr;
-    if (!addPayloadSignatures(signer, fd, {data, length, signFiles != 0, taKey, taAlgo}))
+    if (!addPayloadSignatures(signer, fd, md, cert, key, {data, length, signFiles != 0, taKey, taAlgo}))
         return nullptr;
     if (chain && !addRotationChain(signer, cert, chain))
         return nullptr;

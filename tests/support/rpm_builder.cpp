@@ -34,14 +34,18 @@ PayloadEntry hardLink(std::string path, std::string existingPath)
 
 namespace {
 
-std::string payloadMacro(std::string const& compressor)
+std::string payloadMacro(std::string const& compressor, int level)
 {
-    static const std::map<std::string, std::string> macros{
-        {"gzip", "w9.gzdio"}, {"zstd", "w19.zstdio"}, {"xz", "w6.xzdio"}, {"bzip2", "w9.bzdio"}};
-    auto found = macros.find(compressor);
-    if (found == macros.end())
+    struct Io {
+        int level;
+        const char* name;
+    };
+    static const std::map<std::string, Io> ios{
+        {"gzip", {9, "gzdio"}}, {"zstd", {19, "zstdio"}}, {"xz", {6, "xzdio"}}, {"bzip2", {9, "bzdio"}}};
+    auto found = ios.find(compressor);
+    if (found == ios.end())
         throw std::invalid_argument("unknown payload compressor " + compressor);
-    return found->second;
+    return "w" + std::to_string(level > 0 ? level : found->second.level) + "." + found->second.name;
 }
 
 void makeParents(std::string const& path)
@@ -92,7 +96,7 @@ std::string rpmBuildFile(std::string const& name, std::string const& stage, std:
 }  // namespace
 
 std::string buildRpm(std::string const& workDir, std::string const& name, std::vector<PayloadEntry> const& entries,
-                     std::string const& compressor)
+                     std::string const& compressor, int level)
 {
     const std::string top = workDir + "/rpmbuild-" + name;
     const std::string stage = top + "/stage";
@@ -101,7 +105,7 @@ std::string buildRpm(std::string const& workDir, std::string const& name, std::v
     writeText(buildFilePath, rpmBuildFile(name, stage, entries));
 
     auto result = runCommand({"rpmbuild", "-bb", "--quiet", "--define", "_topdir " + top, "--define",
-                              "_binary_payload " + payloadMacro(compressor), "--define", "__os_install_post %{nil}",
+                              "_binary_payload " + payloadMacro(compressor, level), "--define", "__os_install_post %{nil}",
                               "--define", "debug_package %{nil}", "--define", "_build_id_links none", buildFilePath});
     std::string rpm = top + "/RPMS/noarch/" + name + "-1.0-1.noarch.rpm";
     if (result.exitCode != 0 || !fileExists(rpm))

@@ -20,10 +20,13 @@ PayloadEntry symbolicLink(std::string path, std::string target);
 PayloadEntry hardLink(std::string path, std::string existingPath);
 
 // Builds a noarch package named name-1.0-1 holding entries, with the payload
-// compressed by compressor ("gzip", "zstd", "xz" or "bzip2"), under workDir.
-// Returns the path of the .rpm file; throws when rpmbuild fails.
+// compressed by compressor ("gzip", "zstd", "xz" or "bzip2") at level (0: the
+// compressor's usual level here), under workDir. entries may be empty: the
+// package then has no files. Returns the path of the .rpm file; throws when
+// rpmbuild fails.
 std::string buildRpm(std::string const& workDir, std::string const& name,
-                     std::vector<PayloadEntry> const& entries, std::string const& compressor = "zstd");
+                     std::vector<PayloadEntry> const& entries, std::string const& compressor = "zstd",
+                     int level = 0);
 
 }  // namespace sealkeep::test
 

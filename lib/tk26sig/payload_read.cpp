@@ -1,0 +1,30 @@
+// Reading payload file content in small pieces through librpm's archive reader.
+#include "tk26sig/payload_read.hpp"
+
+#include <algorithm>
+#include <cstdio>
+
+#include <rpm/rpmfi.h>
+#include <rpm/rpmarchive.h>  // after rpmfi.h, whose types it uses
+
+
+namespace sealkeep {
+
+bool digestArchiveContent(rpmfi fi, EVP_MD_CTX* ctx, std::size_t size)
+{
+    unsigned char piece[payloadPieceSize];
+    while (size > 0) {
+        std::size_t wanted = std::min(size, sizeof piece);
+        ssize_t got = rpmfiArchiveRead(fi, piece, wanted);
+        if (got < 0 || static_cast<std::size_t>(got) != wanted) {
+            fprintf(stderr, "Could not read file from rpm payload\n");
+            return false;
+        }
+        if (!EVP_DigestUpdate(ctx, piece, wanted))
+            return false;
+        size -= wanted;
+    }
+    return true;
+}
+
+}  // namespace sealkeep

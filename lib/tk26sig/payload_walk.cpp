@@ -1,0 +1,263 @@
+// The payload walk over an RPM package held in a file: librpm reads the header
+// and delivers the payload's files in archive order, hard-link sets with the
+// member that carries the content first. Regular files get an IMA signature
+// record (the format of the security.ima extended attribute, digital
+// signature version 2); trusted applications get an OP-TEE signed header.
+#include "tk26sig/payload_walk.hpp"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include <glib.h>
+#include <openssl/x509v3.h>
+#include <rpm/header.h>
+#include <rpm/rpmfi.h>
+#include <rpm/rpmarchive.h>  // after rpmfi.h, whose types it uses
+#include <rpm/rpmfiles.h>
+#include <rpm/rpmio.h>
+#include <rpm/rpmlib.h>
+#include <unistd.h>
+
+#include <sealkeep/sealkeep.h>
+
+#include "common/rpm_ptr.hpp"
+#include "tk26sig/payload_read.hpp"
+
+namespace sealkeep {
+namespace {
+
+using GArrayPtr = std::unique_ptr<GArray, Deleter<g_array_unref>>;
+
+using Value = std::vector<unsigned char>;
+
+// IMA signature record: type, version, hash algorithm, key id, big-endian
+// signature length, signature. It is built in a 1024-byte area, which bounds
+// the signature.
+constexpr unsigned char imaDigitalSignature = 3;
+constexpr unsigned char imaSignatureVersion2 = 2;
+constexpr unsigned char unknownHashAlgo = 0xFF;
+constexpr std::size_t imaRecordArea = 1024;
+constexpr std::size_t imaHeaderSize = 9;
+constexpr std::size_t keyidSize = 4;
+
+constexpr mode_t fileTypeBits = 0xF000;
+constexpr mode_t regularFileType = 0x8000;
+
+// The kernel's numbering of hash algorithms (enum hash_algo) for the digests
+// that have one; unknownHashAlgo otherwise.
+unsigned char imaHashAlgo(const EVP_MD* md)
+{
+    struct Mapping {
+        int nid;
+        unsigned char algo;
+    };
+    static constexpr Mapping table[] = {
+        {NID_md4, 0},    {NID_md5, 1},    {NID_sha1, 2},   {NID_ripemd160, 3}, {NID_sha256, 4},
+        {NID_sha384, 5}, {NID_sha512, 6}, {NID_sha224, 7}, {982, 18},          {983, 19},
+    };
+    for (auto const& entry : table)
+        if (entry.nid == EVP_MD_type(md))
+            return entry.algo;
+    return unknownHashAlgo;
+}
+
+// The last four bytes of the certificate's subject key identifier as they
+// stand; zeros when it has none or a shorter one.
+std::array<unsigned char, keyidSize> imaKeyid(X509* cert)
+{
+    std::array<unsigned char, keyidSize> keyid{};
+    Asn1OctetStringPtr ski(static_cast<ASN1_OCTET_STRING*>(
+        X509_get_ext_d2i(cert, NID_subject_key_identifier, nullptr, nullptr)));
+    if (ski && ASN1_STRING_length(ski.get()) >= static_cast<int>(keyidSize)) {
+        const unsigned char* bytes = ASN1_STRING_get0_data(ski.get());
+        std::memcpy(keyid.data(), bytes + ASN1_STRING_length(ski.get()) - keyidSize, keyidSize);
+    }
+    return keyid;
+}
+
+struct Signer {
+    EVP_PKEY* key;
+    const EVP_MD* md;
+    std::array<unsigned char, keyidSize> keyid;
+    EVP_PKEY* taKey;
+    unsigned int taAlgo;
+};
+
+// The digest of the current file's content, read from the archive.
+bool digestFile(rpmfi fi, const EVP_MD* md, unsigned char* out, unsigned int* outLength)
+{
+    MdCtxPtr ctx(EVP_MD_CTX_new());
+    return ctx && EVP_DigestInit(ctx.get(), md) &&
+           digestArchiveContent(fi, ctx.get(), static_cast<std::size_t>(rpmfiFSize(fi))) &&
+           EVP_DigestFinal_ex(ctx.get(), out, outLength);
+}
+
+// Signs a digest into the record's signature area; the length signed.
+std::size_t signDigest(Signer const& signer, const unsigned char* digest, unsigned int digestLength,
+                       unsigned char* out)
+{
+    PkeyCtxPtr ctx(EVP_PKEY_CTX_new(signer.key, nullptr));
+    if (!ctx || EVP_PKEY_sign_init(ctx.get()) <= 0 ||
+        EVP_PKEY_CTX_ctrl(ctx.get(), -1, EVP_PKEY_OP_TYPE_SIG, EVP_PKEY_CTRL_MD, 0,
+                          const_cast<EVP_MD*>(signer.md)) <= 0)
+        return 0;
+    std::size_t length = imaRecordArea - imaHeaderSize;
+    if (EVP_PKEY_sign(ctx.get(), out, &length, digest, digestLength) < 1)
+        return 0;
+    return length;
+}
+
+std::optional<Value> imaRecord(rpmfi fi, Signer const& signer)
+{
+    Value record(imaRecordArea, 0);
+    record[0] = imaDigitalSignature;
+    record[1] = imaSignatureVersion2;
+    record[2] = imaHashAlgo(signer.md);
+    if (record[2] == unknownHashAlgo) {
+        fprintf(stderr, "Hash algo is unknown for imaevm: %s\n", OBJ_nid2sn(EVP_MD_type(signer.md)));
+        return std::nullopt;
+    }
+    std::memcpy(&record[3], signer.keyid.data(), keyidSize);
+
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int digestLength = 0;
+    if (!digestFile(fi, signer.md, digest, &digestLength))
+        return std::nullopt;
+    std::size_t signatureLength = signDigest(signer, digest, digestLength, &record[imaHeaderSize]);
+    if (signatureLength == 0)
+        return std::nullopt;
+    record[7] = static_cast<unsigned char>(signatureLength >> 8);
+    record[8] = static_cast<unsigned char>(signatureLength);
+    record.resize(imaHeaderSize + signatureLength);
+    return record;
+}
+
+std::optional<Value> taHeader(rpmfi fi, Signer const& signer)
+{
+    if (!signer.taKey) {
+        fprintf(stderr, "TA key is absent yet there are TAs in RPM!\n");
+        return std::nullopt;
+    }
+    GArrayPtr text(rpmfi_ta_shdr(fi, signer.taKey, signer.taAlgo));
+    if (!text)
+        return std::nullopt;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text->data);
+    return Value(bytes, bytes + text->len);
+}
+
+bool append(FileSignatures* table, int index, Value const& value)
+{
+    FileSignaturePtr entry(FileSignature_new());
+    if (!entry || !ASN1_INTEGER_set(entry->index, index) ||
+        !ASN1_OCTET_STRING_set(entry->value, value.data(), static_cast<int>(value.size())) ||
+        !sk_FileSignature_push(table->signatures, entry.get()))
+        return false;
+    entry.release();
+    return true;
+}
+
+// The entry of the file just signed, then one for every further name of its
+// hard-link set. The set's first member is taken to be the file just signed.
+bool appendWithHardLinks(FileSignatures* table, rpmfi fi, Value const& value)
+{
+    if (!append(table, rpmfiFX(fi), value))
+        return false;
+    const int* members = nullptr;
+    uint32_t count = rpmfiFLinks(fi, &members);
+    for (uint32_t i = 1; members && i < count; ++i)
+        if (!append(table, members[i], value))
+            return false;
+    return true;
+}
+
+// Signs the current file into the table it belongs to; false after
+// "Could not sign file from rpm: %s\n".
+bool signCurrentFile(rpmfi fi, Signer const& signer, PayloadSignatures& out)
+{
+    const bool ta = is_fi_ta(fi) == 1;
+    std::optional<Value> value = ta ? taHeader(fi, signer) : imaRecord(fi, signer);
+    if (!value || !appendWithHardLinks(ta ? out.ta.get() : out.ima.get(), fi, *value)) {
+        fprintf(stderr, "Could not sign file from rpm: %s\n", rpmfiFN(fi));
+        return false;
+    }
+    return true;
+}
+
+FileSignatures* newTable()
+{
+    FileSignaturesPtr table(FileSignatures_new());
+    if (!table || !ASN1_INTEGER_set(table->version, 1))
+        return nullptr;
+    return table.release();
+}
+
+// The package header; the package's own RPM signatures are not judged here.
+Header readHeader(FD_t fd)
+{
+    Header header = nullptr;
+    rpmRC rc = rpmReadPackageFile(nullptr, fd, nullptr, &header);
+    if (rc == RPMRC_OK || rc == RPMRC_NOTTRUSTED || rc == RPMRC_NOKEY)
+        return header;
+    headerFree(header);
+    fprintf(stderr, rc == RPMRC_NOTFOUND ? "Argument is not an RPM package\n"
+                                         : "Could not read header from package\n");
+    return nullptr;
+}
+
+// Stacks the decompressor the header names (gzip when it names none) on fd.
+bool openPayload(FD_t fd, Header header)
+{
+    const char* compressor = headerGetString(header, RPMTAG_PAYLOADCOMPRESSOR);
+    GCharPtr mode(g_strconcat("r.", compressor ? compressor : "gzip", nullptr));
+    if (!Fdopen(fd, mode.get()) || Ferror(fd)) {
+        fprintf(stderr, "Could not reopen payload: %s\n", Fstrerror(fd));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const EVP_MD* md, X509* cert,
+                                                  EVP_PKEY* taKey, unsigned int taAlgo)
+{
+    // The duplicate shares the file offset; the package starts at 0.
+    RpmFdPtr package(fdDup(fd));
+    if (!package || Ferror(package.get()) || lseek(fd, 0, SEEK_SET) != 0) {
+        fprintf(stderr, "Could not duplicate fd: %s\n", Fstrerror(package.get()));
+        return std::nullopt;
+    }
+    HeaderPtr header(readHeader(package.get()));
+    if (!header || !openPayload(package.get(), header.get()))
+        return std::nullopt;
+
+    PayloadSignatures out{FileSignaturesPtr(newTable()), FileSignaturesPtr(newTable())};
+    RpmFilesPtr files(rpmfilesNew(nullptr, header.get(), 0, RPMFI_KEEPHEADER));
+    RpmFiPtr fi(files ? rpmfiNewArchiveReader(package.get(), files.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST)
+                      : nullptr);
+    if (!out.ima || !out.ta || !fi) {
+        fprintf(stderr, "Could not reopen payload: %s\n", Fstrerror(package.get()));
+        return std::nullopt;
+    }
+    if (rpmfiFC(fi.get()) == 0) {
+        fprintf(stderr, "Notice: package contains no files\n");
+        return out;
+    }
+
+    const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo};
+    // Any negative result ends the archive: its end mark, or a damaged
+    // archive, whose files are then left unsigned.
+    while (rpmfiNext(fi.get()) >= 0) {
+        if ((rpmfiFMode(fi.get()) & fileTypeBits) != regularFileType || !rpmfiArchiveHasContent(fi.get()))
+            continue;
+        if (!signCurrentFile(fi.get(), signer, out))
+            return std::nullopt;
+    }
+    return out;
+}
+
+}  // namespace sealkeep

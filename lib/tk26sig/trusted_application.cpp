@@ -1,0 +1,196 @@
+// OP-TEE trusted applications in a package payload: recognising them by path
+// and making the signed header that OP-TEE loads a bootstrap TA with (header,
+// SHA-256 hash, RSA signature, UUID record), handed out as hex text.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <glib.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <rpm/rpmfi.h>
+#include <rpm/rpmarchive.h>  // after rpmfi.h, whose types it uses
+
+#include <sealkeep/sealkeep.h>
+
+#include "common/ossl_ptr.hpp"
+#include "tk26sig/payload_read.hpp"
+
+namespace sealkeep {
+namespace {
+
+constexpr char taDirectory[] = "/usr/lib/optee_armtz/";
+constexpr char taSuffix[] = ".ta";
+
+constexpr uint32_t shdrMagic = 0x4F545348;  // "HSTO"
+constexpr uint32_t bootstrapImage = 1;
+constexpr unsigned int rsaPss = 0x70414930;
+constexpr unsigned int rsaPkcs1 = 0x70004830;
+
+// Offsets of the fixed part of the header; the signature follows the hash,
+// the UUID record follows the signature.
+constexpr std::size_t fixedFieldsSize = 20;
+constexpr std::size_t hashOffset = 20;
+constexpr std::size_t hashSize = 32;
+constexpr std::size_t signatureOffset = hashOffset + hashSize;
+constexpr std::size_t uuidRecordSize = 20;  // 16 bytes of UUID, 4 of ta_version
+
+void putLittleEndian(unsigned char* out, uint32_t value, std::size_t bytes)
+{
+    for (std::size_t i = 0; i < bytes; ++i)
+        out[i] = static_cast<unsigned char>(value >> (8 * i));
+}
+
+void putBigEndian(unsigned char* out, uint32_t value, std::size_t bytes)
+{
+    for (std::size_t i = 0; i < bytes; ++i)
+        out[i] = static_cast<unsigned char>(value >> (8 * (bytes - 1 - i)));
+}
+
+bool endsWith(std::string const& text, const char* tail)
+{
+    std::size_t tailLength = std::strlen(tail);
+    return text.size() >= tailLength && text.compare(text.size() - tailLength, tailLength, tail) == 0;
+}
+
+// Signing context for taAlgo with SHA-256 as the signature digest.
+EVP_PKEY_CTX* newTaSigningContext(EVP_PKEY* taKey, unsigned int taAlgo)
+{
+    PkeyCtxPtr ctx(EVP_PKEY_CTX_new(taKey, nullptr));
+    if (!ctx || EVP_PKEY_sign_init(ctx.get()) <= 0 ||
+        EVP_PKEY_CTX_ctrl(ctx.get(), -1, EVP_PKEY_OP_TYPE_SIG, EVP_PKEY_CTRL_MD, 0,
+                          const_cast<EVP_MD*>(EVP_sha256())) <= 0) {
+        fprintf(stderr, "Failed to initialize ctx\n");
+        return nullptr;
+    }
+    bool applied = false;
+    if (taAlgo == rsaPss) {
+        applied = EVP_PKEY_CTX_ctrl_str(ctx.get(), "rsa_padding_mode", "pss") > 0 &&
+                  EVP_PKEY_CTX_ctrl_str(ctx.get(), "rsa_pss_saltlen", "digest") > 0 &&
+                  EVP_PKEY_CTX_ctrl_str(ctx.get(), "rsa_mgf1_md", "sha256") > 0;
+    } else if (taAlgo == rsaPkcs1) {
+        applied = EVP_PKEY_CTX_ctrl_str(ctx.get(), "rsa_padding_mode", "pkcs1") > 0;
+    } else {
+        fprintf(stderr, "Unknown signing algorithm.\n");
+        return nullptr;
+    }
+    if (!applied) {
+        fprintf(stderr, "Failed to set ctx parameters.\n");
+        return nullptr;
+    }
+    return ctx.release();
+}
+
+// The 16 UUID bytes named by the TA's file name, canonical or with the fourth
+// hyphen left out. Only the number of conversions decides; what follows the
+// last one is not checked.
+bool uuidFromFileName(std::string const& path, unsigned char* uuid)
+{
+    static const char* const patterns[] = {
+        "%08x-%04hx-%04hx-%02hhx%02hhx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx.ta",
+        "%08x-%04hx-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx.ta",
+    };
+    GCharPtr base(g_path_get_basename(path.c_str()));
+    for (const char* pattern : patterns) {
+        unsigned int timeLow = 0;
+        unsigned short timeMid = 0, timeHi = 0;
+        unsigned char node[8] = {};
+        int converted = sscanf(base.get(), pattern, &timeLow, &timeMid, &timeHi, &node[0], &node[1],
+                               &node[2], &node[3], &node[4], &node[5], &node[6], &node[7]);
+        if (converted == 11) {
+            putBigEndian(uuid, timeLow, 4);
+            putBigEndian(uuid + 4, timeMid, 2);
+            putBigEndian(uuid + 6, timeHi, 2);
+            std::memcpy(uuid + 8, node, sizeof node);
+            return true;
+        }
+    }
+    fprintf(stderr, "Bad UUID!\n");
+    return false;
+}
+
+// SHA-256 over the fixed header fields, the UUID record and the TA image as
+// it is read from the archive.
+bool hashTa(const EVP_MD* md, const unsigned char* fixedFields, const unsigned char* uuidRecord, rpmfi fi,
+            std::size_t imageSize, unsigned char* out)
+{
+    MdCtxPtr ctx(EVP_MD_CTX_new());
+    if (!ctx || !EVP_DigestInit_ex(ctx.get(), md, nullptr) ||
+        !EVP_DigestUpdate(ctx.get(), fixedFields, fixedFieldsSize) ||
+        !EVP_DigestUpdate(ctx.get(), uuidRecord, uuidRecordSize))
+        return false;
+    if (!digestArchiveContent(fi, ctx.get(), imageSize))
+        return false;
+    return EVP_DigestFinal_ex(ctx.get(), out, nullptr) == 1;
+}
+
+GArray* toHexText(std::vector<unsigned char> const& bytes)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    GArray* text = g_array_sized_new(TRUE, FALSE, 1, static_cast<guint>(2 * bytes.size()));
+    for (unsigned char byte : bytes) {
+        const char pair[2] = {digits[byte >> 4], digits[byte & 0x0F]};
+        g_array_append_vals(text, pair, 2);
+    }
+    return text;
+}
+
+}  // namespace
+}  // namespace sealkeep
+
+using namespace sealkeep;
+
+extern "C" int is_fi_ta(rpmfi fi)
+{
+    const char* dir = rpmfiODN(fi);
+    const char* name = rpmfiFN(fi);
+    if (!dir || !name)
+        return 0;
+    return std::strcmp(dir, taDirectory) == 0 && endsWith(name, taSuffix) ? 1 : 0;
+}
+
+extern "C" GArray* rpmfi_ta_shdr(rpmfi fi, EVP_PKEY* taKey, unsigned int taAlgo)
+{
+    const auto imageSize = static_cast<uint32_t>(rpmfiFSize(fi));
+    const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(NID_sha256));
+    const std::string name = rpmfiFN(fi) ? rpmfiFN(fi) : "";
+
+    PkeyCtxPtr ctx(md ? newTaSigningContext(taKey, taAlgo) : nullptr);
+    if (!md)
+        fprintf(stderr, "Failed to initialize ctx\n");
+    if (!ctx)
+        return nullptr;
+    std::size_t signatureSize = 0;
+    if (EVP_PKEY_sign(ctx.get(), nullptr, &signatureSize, nullptr, 0) < 1 || signatureSize == 0) {
+        fprintf(stderr, "Failed to get sig len\n");
+        return nullptr;
+    }
+
+    std::vector<unsigned char> header(signatureOffset + signatureSize + uuidRecordSize, 0);
+    putLittleEndian(&header[0], shdrMagic, 4);
+    putLittleEndian(&header[4], bootstrapImage, 4);
+    putLittleEndian(&header[8], imageSize, 4);
+    putLittleEndian(&header[12], taAlgo, 4);
+    putLittleEndian(&header[16], static_cast<uint32_t>(EVP_MD_size(md)), 2);
+    putLittleEndian(&header[18], static_cast<uint32_t>(signatureSize), 2);
+
+    unsigned char* uuidRecord = &header[signatureOffset + signatureSize];
+    if (!uuidFromFileName(name, uuidRecord)) {
+        fprintf(stderr, "Failed to get the UUID of TA.\n");
+        return nullptr;
+    }
+    // ta_version stays 0 from the zero fill.
+
+    if (!hashTa(md, header.data(), uuidRecord, fi, imageSize, &header[hashOffset])) {
+        fprintf(stderr, "Failed to get the digest of TA.\n");
+        return nullptr;
+    }
+    std::size_t written = signatureSize;
+    if (EVP_PKEY_sign(ctx.get(), &header[signatureOffset], &written, &header[hashOffset], hashSize) < 1) {
+        fprintf(stderr, "Failed to sign\n");
+        return nullptr;
+    }
+    return toHexText(header);
+}
