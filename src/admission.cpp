@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "cms_selection.hpp"
 #include "database_record.hpp"
 
 namespace PackageSignatures {
@@ -20,23 +21,39 @@ namespace {
 // do: that one already reads one state.
 class ReadSnapshot {
 public:
-    explicit ReadSnapshot(sqlite3* db) : db_(sqlite3_get_autocommit(db) ? db : nullptr)
+    // begin and commit are the connection's cached "BEGIN" and "COMMIT":
+    // parsing them anew would cost a decision as much as a lookup does.
+    ReadSnapshot(sqlite3* db, sqlite3_stmt* begin, sqlite3_stmt* commit)
+        : db_(sqlite3_get_autocommit(db) ? db : nullptr), commit_(commit)
     {
-        if (db_)
-            sqlite3_exec(db_, "BEGIN", nullptr, nullptr, nullptr);
+        if (db_ && run(begin) != SQLITE_DONE) {
+            began_ = false;
+            db_ = nullptr;
+        }
     }
     ~ReadSnapshot()
     {
         // Ending a transaction that wrote nothing only drops the read lock;
         // should it fail all the same, the connection is not left inside it.
-        if (db_ && sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
+        if (db_ && run(commit_) != SQLITE_DONE)
             sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     }
     ReadSnapshot(ReadSnapshot const&) = delete;
     ReadSnapshot& operator=(ReadSnapshot const&) = delete;
 
+    // Whether the snapshot began (or the caller's transaction holds one).
+    bool began() const { return began_; }
+
 private:
+    static int run(sqlite3_stmt* statement)
+    {
+        const StatementUse use(statement);
+        return sqlite3_step(statement);
+    }
+
     sqlite3* db_;
+    sqlite3_stmt* commit_;
+    bool began_ = true;
 };
 
 }  // namespace
@@ -62,10 +79,19 @@ bool Database::developerMatch(std::string_view package, Cms const& cms)
 PackageCheckResult Database::checkPackage(std::string_view package, std::vector<Cms> const& cmses,
                                           bool)
 {
-    const std::optional<Cms> developer = developerCmsFromVector(cmses);
+    // The caller's own element, not a copy: its decoded certificate and
+    // rotation chain stay cached in it from one decision to the next, and
+    // decoding them costs more than everything the database is asked.
+    Cms const* developer = developerCmsIn(cmses);
     if (!developer)
         return NotDeveloperSigned;
-    const ReadSnapshot snapshot(record_->db);
+    // Without a snapshot nothing is known about the signer's keys: refuse
+    // rather than read each table from whatever state it is in.
+    const ReadSnapshot snapshot(record_->db,
+                                cachedStatement(StatementKeys::BeginRead, "BEGIN"),
+                                cachedStatement(StatementKeys::CommitRead, "COMMIT"));
+    if (!snapshot.began())
+        return KeyBlacklisted;
 
     switch (getKeyidRevocationStatus(developer->certificate()->keyId())) {
     case Superseded:

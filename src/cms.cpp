@@ -8,6 +8,7 @@
 
 #include <sealkeep/sealkeep.h>
 
+#include "cms_selection.hpp"
 #include "common/ossl_ptr.hpp"
 
 namespace PackageSignatures {
@@ -157,30 +158,40 @@ std::shared_ptr<RotationChain> Cms::rotationChain() const
 
 namespace {
 
-// A copy of candidate when its signer belongs to group. The copy is made in
-// place and returned as is, so the certificate it parsed stays cached in it.
-std::optional<Cms> signedBy(Cms const& candidate, Group group)
+// candidate when its signer belongs to group, null otherwise.
+Cms const* signedBy(Cms const& candidate, Group group)
 {
-    std::optional<Cms> copy(std::in_place, candidate);
-    if (copy->certificate()->group() != group)
-        copy.reset();
-    return copy;
+    return candidate.certificate()->group() == group ? &candidate : nullptr;
+}
+
+// A copy of the chosen signature. The copy parses again on first use.
+std::optional<Cms> copyOf(Cms const* chosen)
+{
+    if (!chosen)
+        return std::nullopt;
+    return std::optional<Cms>(std::in_place, *chosen);
 }
 
 }  // namespace
 
+Cms const* developerCmsIn(std::vector<Cms> const& cmses)
+{
+    return cmses.empty() ? nullptr : signedBy(cmses.front(), Group::Developer);
+}
+
+Cms const* clientCmsIn(std::vector<Cms> const& cmses)
+{
+    return cmses.empty() ? nullptr : signedBy(cmses.back(), Group::Client);
+}
+
 std::optional<Cms> developerCmsFromVector(std::vector<Cms> const& cmses)
 {
-    if (cmses.empty())
-        return std::nullopt;
-    return signedBy(cmses.front(), Group::Developer);
+    return copyOf(developerCmsIn(cmses));
 }
 
 std::optional<Cms> clientCmsFromVector(std::vector<Cms> const& cmses)
 {
-    if (cmses.empty())
-        return std::nullopt;
-    return signedBy(cmses.back(), Group::Client);
+    return copyOf(clientCmsIn(cmses));
 }
 
 }  // namespace PackageSignatures

@@ -73,6 +73,8 @@ enum : int {
     KeyidRevocationStatus = 988,
     HasCertificatesWithGroup = 1010,
     PackageHasCertificateWithGroup = 1023,
+    BeginRead = 1101,
+    CommitRead = 1102,
 };
 }  // namespace StatementKeys
 

@@ -151,7 +151,9 @@ bool Database::insertPackage(std::string_view package, std::vector<Cms> const& c
     if (cmses.empty())
         return false;
     // Leaving early rolls everything back: the package keeps its old rows.
-    Transaction transaction(record_->db);
+    Transaction transaction(record_->db, Transaction::Immediate);
+    if (!began(transaction))
+        return false;
     if (!removePackage(package))
         return false;
     for (Cms const& cms : cmses) {
@@ -163,9 +165,7 @@ bool Database::insertPackage(std::string_view package, std::vector<Cms> const& c
             if (!insertRevokedKeyid(keyid, Superseded))
                 return false;
     }
-    if (!transaction.commit())
-        return false;
-    return true;
+    return committed(transaction);
 }
 
 bool Database::removePackage(std::string_view package)

@@ -6,6 +6,7 @@
 // an interrupted append leaves a partial block that the scan will not accept.
 #include <map>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sealkeep/file_with_cmses.hpp>
@@ -15,6 +16,7 @@
 #include "common/ossl_ptr.hpp"
 #include "signature_stack.hpp"
 #include "signed_file_layout.hpp"
+#include "tk26sig/cms_sign.hpp"
 
 namespace PackageSignatures {
 
@@ -112,14 +114,18 @@ bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsi
         return false;
 
     // The first signature covers the whole file; a later one the last block's
-    // CMS onwards.
-    ReadOnlyMapping map(file_);
-    if (!map.valid())
+    // CMS onwards. The range is read from the file in pieces, never mapped or
+    // held whole, so signing a large package takes no more memory than a
+    // small one.
+    struct stat status {};
+    if (fstat(fd(), &status) != 0 || status.st_size <= 0)
         return false;
     const std::int64_t rangeBegin = locations.empty() ? 0 : locations.back().begin;
     std::size_t derLength = 0;
-    GBytesPtr der(cms_sign(map.data() + rangeBegin, static_cast<std::size_t>(map.size() - rangeBegin),
-                           signFiles, key, taKey, taAlgorithm, certificate, rotationChain, &derLength));
+    GBytesPtr der(sealkeep::signRange(
+        sealkeep::SignedRange::ofFile(fd(), rangeBegin,
+                                      static_cast<std::size_t>(status.st_size - rangeBegin)),
+        signFiles, key, taKey, taAlgorithm, certificate, rotationChain, &derLength));
     if (!der)
         return false;
     std::vector<unsigned char> block = makeBlock(der.get(), derLength, skippableFrame);

@@ -70,8 +70,16 @@ int Database::getKeyidRevocationStatus(std::string_view keyid)
     StatementUse statement(
         cachedStatement(StatementKeys::KeyidRevocationStatus, revocationStatusSql));
     sqlite3_stmt* s = statement.get();
-    if (bindText(s, 1, keyid) != SQLITE_OK || step(s) != SQLITE_ROW)
+    if (bindText(s, 1, keyid) != SQLITE_OK)
         return NotRevoked;
+    const int result = step(s);
+    if (result == SQLITE_DONE)
+        return NotRevoked;
+    // A status that could not be read (the file stayed locked, or the read
+    // failed) is not evidence that the key is clean: answer with the
+    // strongest revocation, so that a blacklisted key is never let through.
+    if (result != SQLITE_ROW)
+        return Blacklisted;
     // Any stored type other than Superseded counts as the stronger one,
     // whatever it is stored as: sqlite3_column_int would read 4294967296,
     // 0.5 or 'x' as 0.

@@ -22,6 +22,8 @@
 #include "support/database_fixture.hpp"
 #include "support/database_processes.hpp"
 #include "support/files.hpp"
+#include "support/package_signatures.hpp"
+#include "support/pki.hpp"
 #include "support/sqlite_file.hpp"
 
 using namespace sealkeep::test;
@@ -193,10 +195,50 @@ TEST_F(BusyDatabase, WritesBlockedByAWriterFailAsBusy)
     EXPECT_TRUE(writer.finish());
     EXPECT_FALSE(inserted);
     EXPECT_FALSE(removed);
-    EXPECT_EQ(Database::NotRevoked, status);
+    // A status that could not be read is the strongest one.
+    EXPECT_EQ(Database::Blacklisted, status);
     EXPECT_EQ(std::vector<std::string>{}, listed);
     const std::string line = std::string(busyLine) + "\n";
     EXPECT_EQ(line + line + line + line, printed);
+}
+
+// A key blacklisted before another process locked the file must not read
+// as clean while the lock lasts: the status and the admission decision both
+// refuse, and say why.
+TEST_F(BusyDatabase, RevocationThatCannotBeReadRefusesTheKey)
+{
+    files.writeRevocation({}, {});
+    Pki pki;
+    const Identity developer = pki.issue("busy developer", "developer");
+    const std::vector<PackageSignatures::Cms> cmses{signedCms(developer)};
+    const std::string keyid = cmses.front().certificate()->keyId();
+    auto database = openDatabase(files);
+    ASSERT_TRUE(database->insertRevokedKeyid(keyid, Database::Blacklisted));
+    ASSERT_EQ(PackageSignatures::KeyBlacklisted, database->checkPackage("p", cmses, false));
+    // Whatever was cached, an unknown key reads clean while the file is free.
+    ASSERT_EQ(Database::NotRevoked, database->getKeyidRevocationStatus("unknown"));
+
+    int status = Database::NotRevoked, unknownStatus = Database::NotRevoked;
+    int decision = PackageSignatures::Accepted;
+    std::string printed;
+    {
+        LockHolder writer(files.databasePath(), writeTransaction, holdMs);
+        printed = stderrOf([&] {
+            status = database->getKeyidRevocationStatus(keyid);
+            unknownStatus = database->getKeyidRevocationStatus("unknown");
+            decision = database->checkPackage("p", cmses, false);
+        });
+        EXPECT_TRUE(writer.finish());
+    }
+    EXPECT_EQ(Database::Blacklisted, status);
+    EXPECT_EQ(Database::Blacklisted, unknownStatus);
+    EXPECT_EQ(PackageSignatures::KeyBlacklisted, decision);
+    const std::string line = std::string(busyLine) + "\n";
+    EXPECT_EQ(line + line + line, printed);
+
+    // Once the lock is gone the same connection reads the file again.
+    EXPECT_EQ(Database::NotRevoked, database->getKeyidRevocationStatus("unknown"));
+    EXPECT_EQ(Database::Blacklisted, database->getKeyidRevocationStatus(keyid));
 }
 
 // What one contending writer did: the key ids it was told were written (and

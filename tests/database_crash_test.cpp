@@ -7,18 +7,13 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <csignal>
-#include <cstdio>
-#include <functional>
 #include <memory>
-
-#include <unistd.h>
 
 #include <sealkeep/database.hpp>
 
-#include "support/counting_vfs.hpp"
 #include "support/database_fixture.hpp"
 #include "support/database_processes.hpp"
+#include "support/kill_sweep.hpp"
 #include "support/files.hpp"
 #include "support/sqlite_file.hpp"
 
@@ -31,119 +26,6 @@ namespace {
 // leaves is what it wrote, whatever the file system makes of its syncs. So
 // the files may live in memory, which keeps the hundreds of runs below fast.
 const bool filesInMemory = preferFilesInMemory();
-
-// The kill switch lives in the child: it counts events of the library's
-// connection and kills the process at the chosen one, before the event takes
-// effect. Armed means counting; killAt 0 never kills. The events:
-enum class Trigger {
-    Statement,   // the start of every statement run
-    Progress,    // progress-handler calls, between virtual machine instructions
-    FileChange,  // every write, truncation, sync and deletion of a file
-};
-
-struct KillSwitch {
-    bool armed = true;
-    long events = 0;
-    long killAt = 0;
-};
-KillSwitch killSwitch;
-
-void countEvent()
-{
-    if (!killSwitch.armed)
-        return;
-    if (++killSwitch.events == killSwitch.killAt)
-        kill(getpid(), SIGKILL);
-}
-
-int countStatement(unsigned, void*, void*, void*)
-{
-    countEvent();
-    return 0;
-}
-
-int countProgress(void*)
-{
-    countEvent();
-    return 0;
-}
-
-std::function<void(sqlite3*)> installTrigger(Trigger trigger)
-{
-    return [trigger](sqlite3* db) {
-        if (trigger == Trigger::Statement)
-            sqlite3_trace_v2(db, SQLITE_TRACE_STMT, countStatement, nullptr);
-        else if (trigger == Trigger::Progress)
-            sqlite3_progress_handler(db, 1, countProgress, nullptr);
-    };
-}
-
-// One way of interrupting a process: what it does (prepare runs in the
-// child before the switch is armed, work runs armed), and how the file is
-// judged after it died and after the next open.
-struct Scenario {
-    std::function<void(TrustFiles const&)> setUp;  // in the parent, before each run
-    std::function<void(TrustFiles const&)> prepare;
-    std::function<void(TrustFiles const&)> work;
-    std::function<void(TrustFiles const&)> checkAfterKill;
-    std::function<void(TrustFiles const&)> completeAndCheck;
-};
-
-// Runs the scenario in a child that kills itself at event killAt. A child
-// that finishes writes the number of events it counted to
-// "child-events.txt", which tells a run with killAt 0 how many there are.
-Outcome runScenarioChild(Scenario const& scenario, TrustFiles const& files, Trigger trigger,
-                         long killAt)
-{
-    const std::string errorsPath = files.file("child-errors.txt");
-    const std::string countPath = files.file("child-events.txt");
-    pid_t pid = startChild(
-        [&] {
-            ConnectionHook hook(installTrigger(trigger));
-            std::unique_ptr<CountingVfs> vfs;
-            if (trigger == Trigger::FileChange)
-                vfs = std::make_unique<CountingVfs>(countEvent);
-            killSwitch = KillSwitch{false, 0, killAt};
-            scenario.prepare(files);
-            killSwitch.armed = true;
-            scenario.work(files);
-            writeText(countPath, std::to_string(killSwitch.events));
-            return 0;
-        },
-        errorsPath);
-    return waitChild(pid, errorsPath);
-}
-
-// Kills the scenario's child at evenly spread points of its work (about
-// `points` of them, the first and the last event included), checking the
-// file after every kill and after the next open.
-void sweep(Scenario const& scenario, Trigger trigger, long points)
-{
-    TrustFiles files;
-    scenario.setUp(files);
-    Outcome dryRun = runScenarioChild(scenario, files, trigger, 0);
-    ASSERT_EQ(0, dryRun.exitCode) << dryRun.errors;
-    const long events = std::stol(readText(files.file("child-events.txt")));
-    ASSERT_GT(events, 0);
-    const long stride = (events + points - 1) / points;
-
-    std::vector<long> killPoints;
-    for (long killAt = 1; killAt < events; killAt += stride)
-        killPoints.push_back(killAt);
-    killPoints.push_back(events);
-
-    for (long killAt : killPoints) {
-        SCOPED_TRACE("killed at event " + std::to_string(killAt) + " of " + std::to_string(events));
-        removeDatabaseFiles(files.databasePath());
-        scenario.setUp(files);
-        Outcome outcome = runScenarioChild(scenario, files, trigger, killAt);
-        ASSERT_TRUE(outcome.killed) << "exit " << outcome.exitCode << ": " << outcome.errors;
-        scenario.checkAfterKill(files);
-        scenario.completeAndCheck(files);
-        if (testing::Test::HasFailure())
-            return;
-    }
-}
 
 std::unique_ptr<Database> openDatabase(TrustFiles const& files)
 {

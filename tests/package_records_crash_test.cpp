@@ -35,7 +35,7 @@ namespace {
 using PackageSignatures::Cms;
 using PackageSignatures::Database;
 
-const bool filesInMemory = (keepTestFilesInMemory(), true);
+const bool filesInMemory = preferFilesInMemory();
 
 // Signatures made once per suite, in the parent, so that every forked child
 // holds them already. Package p moves from developer a (with seclab) to b,
@@ -206,7 +206,7 @@ TEST_F(PackageRecordsCrash, TwoProcessesRecordingAtOnceLoseNothing)
     TrustFiles files;
     openDatabase(files);
     const std::string keptA = files.file("a.kept"), keptB = files.file("b.kept");
-    const std::vector<ChildResult> results = runTogether(
+    const std::vector<Outcome> results = runTogether(
         {[&] { return recordAndRemove(files, "alpha-", oldSignatures, keptA); },
          [&] { return recordAndRemove(files, "beta-", otherSignatures, keptB); }},
         files.file("recorder-"));

@@ -136,7 +136,7 @@ TEST_F(PackageRecords, EachOperationRunsItsStatementsInOrder)
 
     // The seclab group is new, the subgroup (regular) is not.
     EXPECT_TRUE(database->insertPackage("p", {signedCms(pki->seclab())}));
-    EXPECT_EQ((Rows{"BEGIN TRANSACTION", "DELETE FROM packages WHERE id = ?",
+    EXPECT_EQ((Rows{"BEGIN IMMEDIATE", "DELETE FROM packages WHERE id = ?",
                     "SELECT id FROM certificates WHERE certificate = ?",
                     "SELECT id FROM groups WHERE name = ?", "INSERT INTO groups (name) VALUES (?)",
                     "SELECT id FROM subgroups WHERE name = ?", newCertificate[5],

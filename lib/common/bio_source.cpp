@@ -10,10 +10,15 @@ namespace sealkeep {
 
 BIO* openTempFileBio(const unsigned char* data, std::size_t len)
 {
+    return openTempFileBio([&](int fd) { return writeInPieces(fd, data, len); });
+}
+
+BIO* openTempFileBio(std::function<bool(int fd)> const& fill)
+{
     // A temporary file that cannot even be made fails like one that cannot
     // be written.
     FilePtr file(tmpfile());
-    if (!file || !writeInPieces(fileno(file.get()), data, len)) {
+    if (!file || !fill(fileno(file.get()))) {
         fprintf(stderr, "Could not store inmemory data to temporary file\n");
         return nullptr;
     }

@@ -5,6 +5,7 @@
 #define SEALKEEP_COMMON_BIO_SOURCE_HPP
 
 #include <cstddef>
+#include <functional>
 
 #include <openssl/bio.h>
 
@@ -18,6 +19,9 @@ constexpr std::size_t maxMemoryBioLength = 0x7FFFFFFF;
 // be made or written) or
 // "Could not create BIO from temporary file\n".
 BIO* openTempFileBio(const unsigned char* data, std::size_t len);
+// The same, with the file's content written by fill (false when it could not
+// write all of it), which keeps to the same messages.
+BIO* openTempFileBio(std::function<bool(int fd)> const& fill);
 
 // A read-only BIO over the bytes: a memory BIO without copying when len fits,
 // else openTempFileBio. The bytes must outlive the BIO. Null on failure (the

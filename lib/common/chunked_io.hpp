@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+#include <sys/types.h>
+
 namespace sealkeep {
 
 constexpr std::size_t ioPieceSize = 8192;
@@ -12,6 +14,12 @@ constexpr std::size_t ioPieceSize = 8192;
 // goes on with the rest. False as soon as a write returns -1 (what was
 // written stays written).
 bool writeInPieces(int fd, const unsigned char* data, std::size_t len);
+
+// Copies len bytes of from, starting at offset, to the current position of
+// to: pread() and write() in pieces of at most ioPieceSize, so that no more
+// than one piece is ever held. from's own offset is left alone. False when a
+// read or write fails or from ends before the range does.
+bool copyRangeInPieces(int from, off_t offset, std::size_t len, int to);
 
 }  // namespace sealkeep
 

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "common/bio_source.hpp"
+#include "common/chunked_io.hpp"
 #include "common/digests.hpp"
 #include "common/objects.hpp"
 #include "common/ossl_ptr.hpp"
@@ -30,24 +31,34 @@ static_assert(signingFlags == 0x142C0, "the flags fix what signatures look like"
 
 // What the per-file signatures of an RPM payload are made from.
 struct PayloadSigning {
-    const unsigned char* data;
-    std::size_t length;
     bool signFiles;
     EVP_PKEY* taKey;
     unsigned int taAlgo;
 };
 
-bool startsWithRpmLead(const unsigned char* data, std::size_t length)
+// Whether the copied range (fd, from its start) begins with the RPM lead;
+// only its first bytes are read.
+bool startsWithRpmLead(int fd)
 {
     static constexpr unsigned char leadMagic[] = {0xED, 0xAB, 0xEE, 0xDB};
-    return length >= sizeof leadMagic && std::equal(leadMagic, leadMagic + sizeof leadMagic, data);
+    unsigned char head[sizeof leadMagic];
+    return pread(fd, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head) &&
+           std::equal(leadMagic, leadMagic + sizeof leadMagic, head);
+}
+
+// Writes the whole range to fd.
+bool copyRange(SignedRange const& range, int fd)
+{
+    if (range.data)
+        return writeInPieces(fd, range.data, range.length);
+    return copyRangeInPieces(range.fd, range.offset, range.length, fd);
 }
 
 // The range is copied into a temporary file even when it is small: the
 // payload walk needs a file descriptor to read the package through librpm.
-BIO* copyRangeToTempFile(const unsigned char* data, std::size_t length, int* fd)
+BIO* copyRangeToTempFile(SignedRange const& range, int* fd)
 {
-    BioPtr bio(openTempFileBio(data, length));
+    BioPtr bio(openTempFileBio([&](int file) { return copyRange(range, file); }));
     if (!bio)
         return nullptr;
     FILE* file = nullptr;
@@ -122,7 +133,7 @@ bool addFileSignatures(CMS_SignerInfo* signer, int nid, FileSignatures* table, c
 bool addPayloadSignatures(CMS_SignerInfo* signer, int fd, const EVP_MD* md, X509* cert, EVP_PKEY* key,
                           const PayloadSigning& payload)
 {
-    if (!payload.signFiles || !startsWithRpmLead(payload.data, payload.length))
+    if (!payload.signFiles || !startsWithRpmLead(fd))
         return true;
     std::optional<PayloadSignatures> tables =
         signPayloadFiles(fd, key, md, cert, payload.taKey, payload.taAlgo);
@@ -217,12 +228,12 @@ bool rotationChainEndsAt(ProofOfRotationChain* chain, X509* cert)
 
 using namespace sealkeep;
 
-extern "C" unsigned char* cms_sign(const unsigned char* data, size_t length, int signFiles,
-                                   EVP_PKEY* key, EVP_PKEY* taKey, unsigned int taAlgo,
-                                   X509* cert, ProofOfRotationChain* chain, size_t* outLength)
+unsigned char* sealkeep::signRange(SignedRange const& range, int signFiles, EVP_PKEY* key,
+                                   EVP_PKEY* taKey, unsigned int taAlgo, X509* cert,
+                                   ProofOfRotationChain* chain, size_t* outLength)
 {
     int fd = -1;
-    BioPtr source(copyRangeToTempFile(data, length, &fd));
+    BioPtr source(copyRangeToTempFile(range, &fd));
     if (!source)
         return nullptr;
     CmsPtr cms(newSignedData());
@@ -232,11 +243,19 @@ extern "C" unsigned char* cms_sign(const unsigned char* data, size_t length, int
     CMS_SignerInfo* signer = addSigner(cms.get(), cert, key, &md);
     if (!signer)
         return nullptr;
-    if (!addPayloadSignatures(signer, fd, md, cert, key, {data, length, signFiles != 0, taKey, taAlgo}))
+    if (!addPayloadSignatures(signer, fd, md, cert, key, {signFiles != 0, taKey, taAlgo}))
         return nullptr;
     if (chain && !addRotationChain(signer, cert, chain))
         return nullptr;
     if (!finalise(cms.get(), source.get(), fd))
         return nullptr;
     return encodeIntoGlibBuffer(cms.get(), outLength);
+}
+
+extern "C" unsigned char* cms_sign(const unsigned char* data, size_t length, int signFiles,
+                                   EVP_PKEY* key, EVP_PKEY* taKey, unsigned int taAlgo,
+                                   X509* cert, ProofOfRotationChain* chain, size_t* outLength)
+{
+    return signRange(SignedRange::inMemory(data, length), signFiles, key, taKey, taAlgo, cert,
+                     chain, outLength);
 }

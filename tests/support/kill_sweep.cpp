@@ -2,14 +2,9 @@
 #include "support/kill_sweep.hpp"
 
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
-#include <stdexcept>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <sqlite3.h>
@@ -21,50 +16,6 @@
 namespace sealkeep::test {
 
 namespace {
-
-// How a child process ended.
-struct Outcome {
-    bool killed = false;  // by SIGKILL, that is by its own kill switch
-    int exitCode = -1;    // when it exited
-    std::string errors;   // its standard error
-};
-
-// Runs body in a forked child whose standard error goes to errorsPath. The
-// child cannot outlive a hang: an alarm ends it after 30 seconds.
-pid_t startChild(std::function<int()> const& body, std::string const& errorsPath)
-{
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        alarm(30);
-        int errors = open(errorsPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (errors >= 0)
-            dup2(errors, 2);
-        int code = body();
-        fflush(nullptr);
-        _exit(code);
-    }
-    return pid;
-}
-
-Outcome waitChild(pid_t pid, std::string const& errorsPath)
-{
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Outcome outcome;
-    outcome.killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    if (WIFEXITED(status))
-        outcome.exitCode = WEXITSTATUS(status);
-    if (fileExists(errorsPath))
-        outcome.errors = readText(errorsPath);
-    return outcome;
-}
-
-void removeDatabase(TrustFiles const& files)
-{
-    files.removeFile(files.databasePath());
-    files.removeFile(files.databasePath() + "-journal");
-}
 
 // The kill switch lives in the child: armed means counting; killAt 0 never
 // kills. The process is killed before the event takes effect.
@@ -132,44 +83,20 @@ Outcome runScenarioChild(Scenario const& scenario, TrustFiles const& files, Trig
 
 }  // namespace
 
-void keepTestFilesInMemory()
-{
-    if (access("/dev/shm", W_OK) == 0)
-        setenv("TMPDIR", "/dev/shm", 0);
-}
-
-std::vector<ChildResult> runTogether(std::vector<std::function<int()>> const& bodies,
-                                     std::string const& errorsPrefix)
+std::vector<Outcome> runTogether(std::vector<std::function<int()>> const& bodies,
+                                 std::string const& errorsPrefix)
 {
     auto errorsPath = [&](std::size_t i) { return errorsPrefix + std::to_string(i) + ".txt"; };
-    // Every child waits for the end of file on the gate, which comes once
-    // every copy of its write end is closed: the parent's last.
-    int gate[2];
-    if (pipe(gate) != 0)
-        throw std::runtime_error("pipe failed");
+    StartGate gate;
     std::vector<pid_t> children;
-    for (std::size_t i = 0; i < bodies.size(); ++i) {
-        children.push_back(startChild(
-            [&, i] {
-                close(gate[1]);
-                char go;
-                if (read(gate[0], &go, 1) != 0)
-                    return 2;
-                return bodies[i]();
-            },
-            errorsPath(i)));
-    }
-    close(gate[1]);
-    close(gate[0]);
-    std::vector<ChildResult> results;
-    for (std::size_t i = 0; i < children.size(); ++i) {
-        Outcome outcome = waitChild(children[i], errorsPath(i));
-        ChildResult result;
-        result.exitCode = outcome.exitCode;
-        result.errors = outcome.errors;
-        results.push_back(result);
-    }
-    return results;
+    for (std::size_t i = 0; i < bodies.size(); ++i)
+        children.push_back(
+            startChild([&, i] { return gate.wait() ? bodies[i]() : 2; }, errorsPath(i)));
+    gate.open();
+    std::vector<Outcome> outcomes;
+    for (std::size_t i = 0; i < children.size(); ++i)
+        outcomes.push_back(waitChild(children[i], errorsPath(i)));
+    return outcomes;
 }
 
 void sweep(Scenario const& scenario, Trigger trigger, long points)
@@ -189,7 +116,7 @@ void sweep(Scenario const& scenario, Trigger trigger, long points)
 
     for (long killAt : killPoints) {
         SCOPED_TRACE("killed at event " + std::to_string(killAt) + " of " + std::to_string(events));
-        removeDatabase(files);
+        removeDatabaseFiles(files.databasePath());
         scenario.setUp(files);
         Outcome outcome = runScenarioChild(scenario, files, trigger, killAt);
         ASSERT_TRUE(outcome.killed) << "exit " << outcome.exitCode << ": " << outcome.errors;

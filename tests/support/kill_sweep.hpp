@@ -11,23 +11,18 @@
 #include <vector>
 
 #include "support/database_fixture.hpp"
-#include "support/process.hpp"
+#include "support/database_processes.hpp"
 
 namespace sealkeep::test {
 
-// The kills are of processes, not of the machine: what a killed process
-// leaves is what it wrote, whatever the file system makes of its syncs. So
-// the files may live in memory; this points TMPDIR at /dev/shm when the
-// system offers it, unless the caller chose a TMPDIR. Call before making
-// any TrustFiles.
-void keepTestFilesInMemory();
-
 // Runs every body in a forked child of its own, releasing them all at the
 // same moment, and waits for them. Child i's standard error goes to the file
-// errorsPrefix + i + ".txt". The results are in the order of bodies; a child that hangs is ended
-// by an alarm after 30 seconds and shows exit code -1.
-std::vector<ChildResult> runTogether(std::vector<std::function<int()>> const& bodies,
-                                     std::string const& errorsPrefix);
+// errorsPrefix + i + ".txt". The outcomes are in the order of bodies; a child
+// that hangs is ended by an alarm after 30 seconds and shows exit code -1.
+// The kills are of processes, not of the machine, so the files may live in
+// memory: see preferFilesInMemory().
+std::vector<Outcome> runTogether(std::vector<std::function<int()>> const& bodies,
+                                 std::string const& errorsPrefix);
 
 // The events a child counts on its connections, to be killed at one.
 enum class Trigger {
