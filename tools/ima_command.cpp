@@ -156,8 +156,8 @@ int runApply(ImaOptions const& options)
         printLine(path + ": " + attribute + " set");
         ++written;
     }
-    printLine(countOf(written, options.dryRun ? "file to label" : "file labelled") + ", " +
-              countOf(refused, "file refused"));
+    printLine(countOf(written, "file") + (options.dryRun ? " to label, " : " labelled, ") +
+              std::to_string(refused) + " refused");
     return refused == 0 ? statusOk : statusFailed;
 }
 
