@@ -131,6 +131,16 @@ TEST_F(CliDeviceIma, DryRunWritesNothing)
         EXPECT_EQ(getfattrHex(root + name), "");
 }
 
+TEST_F(CliDeviceIma, ASymbolicLinkInPlaceOfAFileIsNotLabelled)
+{
+    std::string file = root + "/usr/share/cli/empty";
+    std::remove(file.c_str());
+    runCommand({"ln", "-s", "hello.txt", file});
+    auto applied = run({"ima", "apply", package, "--root", root, "--xattr-user"});
+    EXPECT_EQ(applied.exitCode, 1);
+    EXPECT_EQ(applied.errors, "sealkeep: " + file + ": not a regular file\n");
+}
+
 TEST_F(CliDeviceIma, PackageWithoutDeveloperSignatureIsRefused)
 {
     std::string plain = freshPackage("plain.rpm");

@@ -3,6 +3,7 @@
 // directory, as the extended attribute the kernel (or evmctl) reads. A file
 // gets its value only when its content still matches the signed digest, so
 // that a changed file is never labelled as the developer's.
+#include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include <array>
@@ -92,10 +93,14 @@ std::string refusalOf(std::string const& path, std::vector<unsigned char> const&
     std::size_t signatureSize = (std::size_t{record[7]} << 8) | record[8];
     if (record.size() != imaHeaderSize + signatureSize)
         return "the package's record for it is truncated";
-    errno = 0;
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0)
+        return errno == ENOENT ? "missing" : "cannot read: " + systemReason();
+    if (!S_ISREG(status.st_mode))
+        return "not a regular file";
     auto digest = fileDigest(path, md);
     if (!digest)
-        return errno == ENOENT ? "missing" : "cannot read: " + systemReason();
+        return "cannot read: " + systemReason();
     PkeyCtxPtr context(EVP_PKEY_CTX_new(key, nullptr));
     if (!context || EVP_PKEY_verify_init(context.get()) != 1 ||
         EVP_PKEY_CTX_set_signature_md(context.get(), md) != 1)
@@ -136,6 +141,12 @@ int runApply(ImaOptions const& options)
         std::vector<unsigned char> record = developer->fileSignature(static_cast<int>(index));
         if (record.empty())
             continue;
+        // Header paths are absolute; one that climbs out of the root is not followed.
+        if (names[index].find("/../") != std::string::npos) {
+            reportFailure(names[index], "the path leaves the root");
+            ++refused;
+            continue;
+        }
         std::string path = options.root + names[index];
         std::string refusal = refusalOf(path, record, key.get());
         if (!refusal.empty()) {
