@@ -229,7 +229,7 @@ TEST_F(CliDeviceDb, RevokeNeedsAType)
 {
     auto result = db({"revoke", "abc"});
     EXPECT_EQ(result.exitCode, 2);
-    EXPECT_EQ(result.errors, "sealkeep: db: say --superseded or --blacklisted\n");
+    EXPECT_NE(result.errors.find("(see --help)"), std::string::npos) << result.errors;
     EXPECT_FALSE(databaseExists());
     EXPECT_EQ(db({"revoke", "abc", "--superseded", "--blacklisted"}).exitCode, 2);
 }

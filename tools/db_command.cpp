@@ -109,6 +109,19 @@ std::unique_ptr<Database> openDatabase(Place const& place, bool readOnly)
     return db;
 }
 
+using Run = int (*)(DbOptions const& options, Place const& place, Database& db);
+
+// Makes command run on the configuration's database; its status is 1 when
+// the database cannot be opened (reported already).
+void runOnDatabase(CLI::App& command, std::shared_ptr<DbOptions> const& options, int& status, bool readOnly, Run run)
+{
+    command.callback([options, &status, readOnly, run] {
+        auto place = placeOf(*options);
+        auto db = place ? openDatabase(*place, readOnly) : nullptr;
+        status = db ? run(*options, *place, *db) : statusFailed;
+    });
+}
+
 std::string decisionName(PackageSignatures::PackageCheckResult result)
 {
     switch (result) {
@@ -173,30 +186,26 @@ std::string developerModeLine(nlohmann::json const& mode)
     return line + " (decided by " + mode["decided_by"].get<std::string>() + ")";
 }
 
-int runStatus(DbOptions const& options)
+int runStatus(DbOptions const& options, Place const& place, Database& db)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, true) : nullptr;
-    if (!db)
-        return statusFailed;
     std::size_t superseded = 0;
     std::size_t blacklisted = 0;
-    for (auto const& keyid : db->revokedKeyids())
-        (db->getKeyidRevocationStatus(keyid) == Database::Superseded ? superseded : blacklisted)++;
-    nlohmann::json status = {{"configuration", place->confPath},
-                             {"database", place->databasePath},
-                             {"schema_version", db->queryVersion()},
-                             {"developer_mode", developerModeJson(*db, *place)},
-                             {"packages", db->packages().size()},
-                             {"certificates", db->certificates().size()},
+    for (auto const& keyid : db.revokedKeyids())
+        (db.getKeyidRevocationStatus(keyid) == Database::Superseded ? superseded : blacklisted)++;
+    nlohmann::json status = {{"configuration", place.confPath},
+                             {"database", place.databasePath},
+                             {"schema_version", db.queryVersion()},
+                             {"developer_mode", developerModeJson(db, place)},
+                             {"packages", db.packages().size()},
+                             {"certificates", db.certificates().size()},
                              {"superseded_keyids", superseded},
                              {"blacklisted_keyids", blacklisted}};
     if (options.json) {
         printLine(status.dump(2));
         return statusOk;
     }
-    printLine("configuration: " + place->confPath);
-    printLine("database: " + place->databasePath);
+    printLine("configuration: " + place.confPath);
+    printLine("database: " + place.databasePath);
     printLine("schema version: " + std::to_string(status["schema_version"].get<int>()));
     printLine(developerModeLine(status["developer_mode"]));
     printLine("packages: " + std::to_string(status["packages"].get<std::size_t>()));
@@ -257,68 +266,52 @@ std::string admissionLine(nlohmann::json const& result)
     return line;
 }
 
-int runCheck(DbOptions const& options)
+int runCheck(DbOptions const& options, Place const& place, Database& db)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, true) : nullptr;
-    if (!db)
-        return statusFailed;
-    auto cmses = verifiedSignatures(*place, options.package);
+    auto cmses = verifiedSignatures(place, options.package);
     if (!cmses)
         return statusFailed;
-    nlohmann::json result = admission(*db, options.name, *cmses);
+    nlohmann::json result = admission(db, options.name, *cmses);
     printLine(options.json ? result.dump(2) : admissionLine(result));
     return result["code"] == PackageSignatures::Accepted ? statusOk : statusFailed;
 }
 
-int runInstall(DbOptions const& options)
+int runInstall(DbOptions const& options, Place const& place, Database& db)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, false) : nullptr;
-    if (!db)
-        return statusFailed;
-    auto cmses = verifiedSignatures(*place, options.package);
+    auto cmses = verifiedSignatures(place, options.package);
     if (!cmses)
         return statusFailed;
-    nlohmann::json result = admission(*db, options.name, *cmses);
+    nlohmann::json result = admission(db, options.name, *cmses);
     printLine(admissionLine(result));
     if (result["code"] != PackageSignatures::Accepted) {
         reportFailure(options.package, "not installed: " + result["decision"].get<std::string>());
         return statusFailed;
     }
-    if (!db->insertPackage(options.name, *cmses)) {
-        reportFailure(place->databasePath, "could not record " + options.name);
+    if (!db.insertPackage(options.name, *cmses)) {
+        reportFailure(place.databasePath, "could not record " + options.name);
         return statusFailed;
     }
     printLine(options.name + ": recorded");
     return statusOk;
 }
 
-int runRemove(DbOptions const& options)
+int runRemove(DbOptions const& options, Place const& place, Database& db)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, false) : nullptr;
-    if (!db)
-        return statusFailed;
-    bool existed = db->packageExists(options.name);
-    if (!db->removePackage(options.name)) {
-        reportFailure(place->databasePath, "could not remove " + options.name);
+    bool existed = db.packageExists(options.name);
+    if (!db.removePackage(options.name)) {
+        reportFailure(place.databasePath, "could not remove " + options.name);
         return statusFailed;
     }
     printLine(options.name + (existed ? ": removed" : ": was not recorded"));
     return statusOk;
 }
 
-int runList(DbOptions const& options)
+int runList(DbOptions const& options, Place const& /*place*/, Database& db)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, true) : nullptr;
-    if (!db)
-        return statusFailed;
     nlohmann::json packages = nlohmann::json::array();
-    for (auto const& name : db->packages()) {
+    for (auto const& name : db.packages()) {
         nlohmann::json signers = nlohmann::json::array();
-        for (auto const& certificate : db->packageCertificates(name))
+        for (auto const& certificate : db.packageCertificates(name))
             signers.push_back(certificateJson(certificate));
         packages.push_back({{"name", name}, {"signers", signers}});
     }
@@ -334,14 +327,10 @@ int runList(DbOptions const& options)
     return statusOk;
 }
 
-int runCertificates(DbOptions const& options)
+int runCertificates(DbOptions const& options, Place const& /*place*/, Database& db)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, true) : nullptr;
-    if (!db)
-        return statusFailed;
     nlohmann::json certificates = nlohmann::json::array();
-    for (auto const& certificate : options.active ? db->activeCertificates() : db->certificates())
+    for (auto const& certificate : options.active ? db.activeCertificates() : db.certificates())
         certificates.push_back(certificateJson(certificate));
     if (options.json) {
         printLine(nlohmann::json{{"certificates", certificates}}.dump(2));
@@ -357,31 +346,33 @@ Database::RevocationType revocationType(DbOptions const& options)
     return options.blacklisted ? Database::Blacklisted : Database::Superseded;
 }
 
-int runRevoke(DbOptions const& options, bool insert)
+int changeRevocation(DbOptions const& options, Place const& place, Database& db, bool insert)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, false) : nullptr;
-    if (!db)
-        return statusFailed;
     auto type = revocationType(options);
-    bool done = insert ? db->insertRevokedKeyid(options.keyid, type) : db->removeRevokedKeyid(options.keyid, type);
+    bool done = insert ? db.insertRevokedKeyid(options.keyid, type) : db.removeRevokedKeyid(options.keyid, type);
     if (!done) {
-        reportFailure(place->databasePath, "could not change key id " + options.keyid);
+        reportFailure(place.databasePath, "could not change key id " + options.keyid);
         return statusFailed;
     }
-    printLine(options.keyid + ": " + revocationName(db->getKeyidRevocationStatus(options.keyid)));
+    printLine(options.keyid + ": " + revocationName(db.getKeyidRevocationStatus(options.keyid)));
     return statusOk;
 }
 
-int runRevoked(DbOptions const& options)
+int runRevoke(DbOptions const& options, Place const& place, Database& db)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, true) : nullptr;
-    if (!db)
-        return statusFailed;
+    return changeRevocation(options, place, db, true);
+}
+
+int runUnrevoke(DbOptions const& options, Place const& place, Database& db)
+{
+    return changeRevocation(options, place, db, false);
+}
+
+int runRevoked(DbOptions const& options, Place const& /*place*/, Database& db)
+{
     nlohmann::json keyids = nlohmann::json::array();
-    for (auto const& keyid : db->revokedKeyids())
-        keyids.push_back({{"keyid", keyid}, {"type", revocationName(db->getKeyidRevocationStatus(keyid))}});
+    for (auto const& keyid : db.revokedKeyids())
+        keyids.push_back({{"keyid", keyid}, {"type", revocationName(db.getKeyidRevocationStatus(keyid))}});
     if (options.json) {
         printLine(nlohmann::json{{"revoked", keyids}}.dump(2));
         return statusOk;
@@ -391,15 +382,11 @@ int runRevoked(DbOptions const& options)
     return statusOk;
 }
 
-int runSync(DbOptions const& options)
+int runSync(DbOptions const& /*options*/, Place const& place, Database& db)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, false) : nullptr;
-    if (!db)
-        return statusFailed;
-    bool enabled = db->isDeveloperModeEnabled();
-    if (!db->updateRevokedKeyids()) {
-        reportFailure(PackageSignatures::Configuration(place->confPath).revocationConfPath(),
+    bool enabled = db.isDeveloperModeEnabled();
+    if (!db.updateRevokedKeyids()) {
+        reportFailure(PackageSignatures::Configuration(place.confPath).revocationConfPath(),
                       "could not apply the revocation file");
         return statusFailed;
     }
@@ -407,13 +394,9 @@ int runSync(DbOptions const& options)
     return statusOk;
 }
 
-int runDeveloperMode(DbOptions const& options)
+int runDeveloperMode(DbOptions const& options, Place const& place, Database& db)
 {
-    auto place = placeOf(options);
-    auto db = place ? openDatabase(*place, true) : nullptr;
-    if (!db)
-        return statusFailed;
-    nlohmann::json mode = developerModeJson(*db, *place);
+    nlohmann::json mode = developerModeJson(db, place);
     printLine(options.json ? mode.dump(2) : developerModeLine(mode));
     return statusOk;
 }
@@ -435,7 +418,7 @@ void addDbCommands(CLI::App& app, int& status)
 
     auto* statusCommand = addDbSubcommand(*db, "status", "Configuration, schema, developer mode and counts", *options);
     statusCommand->add_flag("--json", options->json, "Print as JSON");
-    statusCommand->callback([options, &status] { status = runStatus(*options); });
+    runOnDatabase(*statusCommand, options, status, true, runStatus);
 
     for (bool install : {false, true}) {
         auto* command = addDbSubcommand(*db, install ? "install" : "check",
@@ -445,25 +428,25 @@ void addDbCommands(CLI::App& app, int& status)
         command->add_option("name", options->name, "Package name")->required();
         command->add_option("package", options->package, "Signed package file")->required();
         if (install) {
-            command->callback([options, &status] { status = runInstall(*options); });
+            runOnDatabase(*command, options, status, false, runInstall);
         } else {
             command->add_flag("--json", options->json, "Print as JSON");
-            command->callback([options, &status] { status = runCheck(*options); });
+            runOnDatabase(*command, options, status, true, runCheck);
         }
     }
 
     auto* remove = addDbSubcommand(*db, "remove", "Forget an installed package", *options);
     remove->add_option("name", options->name, "Package name")->required();
-    remove->callback([options, &status] { status = runRemove(*options); });
+    runOnDatabase(*remove, options, status, false, runRemove);
 
     auto* list = addDbSubcommand(*db, "list", "Installed packages with their signers", *options);
     list->add_flag("--json", options->json, "Print as JSON");
-    list->callback([options, &status] { status = runList(*options); });
+    runOnDatabase(*list, options, status, true, runList);
 
     auto* certificates = addDbSubcommand(*db, "certificates", "Recorded certificates", *options);
     certificates->add_flag("--active", options->active, "Only those that sign a package and are not blacklisted");
     certificates->add_flag("--json", options->json, "Print as JSON");
-    certificates->callback([options, &status] { status = runCertificates(*options); });
+    runOnDatabase(*certificates, options, status, true, runCertificates);
 
     for (bool insert : {true, false}) {
         auto* command = addDbSubcommand(*db, insert ? "revoke" : "unrevoke",
@@ -471,29 +454,23 @@ void addDbCommands(CLI::App& app, int& status)
                                                : "Remove a key id's superseded or blacklisted entry",
                                         *options);
         command->add_option("keyid", options->keyid, "Key id")->required();
-        auto* superseded = command->add_flag("--superseded", options->superseded, "Superseded by a rotation");
-        auto* blacklisted = command->add_flag("--blacklisted", options->blacklisted, "Blacklisted");
-        superseded->excludes(blacklisted);
-        command->callback([options, &status, insert] {
-            if (!options->superseded && !options->blacklisted) {
-                reportFailure("db", "say --superseded or --blacklisted");
-                status = statusUsage;
-                return;
-            }
-            status = runRevoke(*options, insert);
-        });
+        auto* type = command->add_option_group("type", "Exactly one of");
+        type->add_flag("--superseded", options->superseded, "Superseded by a rotation");
+        type->add_flag("--blacklisted", options->blacklisted, "Blacklisted");
+        type->require_option(1);
+        runOnDatabase(*command, options, status, false, insert ? runRevoke : runUnrevoke);
     }
 
     auto* revoked = addDbSubcommand(*db, "revoked", "Revoked key ids", *options);
     revoked->add_flag("--json", options->json, "Print as JSON");
-    revoked->callback([options, &status] { status = runRevoked(*options); });
+    runOnDatabase(*revoked, options, status, true, runRevoked);
 
     auto* sync = addDbSubcommand(*db, "sync", "Apply the revocation file according to developer mode", *options);
-    sync->callback([options, &status] { status = runSync(*options); });
+    runOnDatabase(*sync, options, status, false, runSync);
 
     auto* mode = addDbSubcommand(*db, "developer-mode", "Whether developer mode is on, and which file says so", *options);
     mode->add_flag("--json", options->json, "Print as JSON");
-    mode->callback([options, &status] { status = runDeveloperMode(*options); });
+    runOnDatabase(*mode, options, status, true, runDeveloperMode);
 }
 
 }  // namespace sealkeep::cli
