@@ -4,7 +4,9 @@
 # life of a package: a CA issues developer, seclab and client certificates,
 # an RPM with a trusted application is signed three times, inspected,
 # verified, refused a fourth signature, caught when tampered with, and
-# stripped of its newest signature.
+# stripped of its newest signature. Then a device installs it into its trust
+# database, refuses and accepts updates, and puts the per-file IMA signatures
+# onto the unpacked files.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -109,6 +111,77 @@ refused sealkeep verify tampered.rpm --ca ca.pem
 step "Remove the newest (client) signature; the rest still verifies."
 show sealkeep strip demo.rpm --last
 show sealkeep verify demo.rpm --ca ca.pem
+
+step "The device: a trust database under a temporary SEALKEEP_ROOTFS."
+export SEALKEEP_ROOTFS="$work/device"
+mkdir -p "$SEALKEEP_ROOTFS/etc/sealkeep" "$SEALKEEP_ROOTFS/var/lib/sealkeep" "$SEALKEEP_ROOTFS/run"
+cat > "$SEALKEEP_ROOTFS/etc/sealkeep/sealkeep.conf" <<CONF
+[main]
+database_path=$SEALKEEP_ROOTFS/var/lib/sealkeep/trust.db
+root_ca_cert_path=$work/ca.pem
+revocation_conf=$SEALKEEP_ROOTFS/etc/sealkeep/revocation.conf
+developermode_init_conf=$SEALKEEP_ROOTFS/etc/sealkeep/developermode.conf
+developermode_runtime_conf=$SEALKEEP_ROOTFS/run/developermode.conf
+system_developer_keyid_path=$SEALKEEP_ROOTFS/etc/sealkeep/system_developer_keyid
+CONF
+printf '[revoke]\n[revoke-on-bind]\n' > "$SEALKEEP_ROOTFS/etc/sealkeep/revocation.conf"
+printf '[developermode]\nenabled=false\n' > "$SEALKEEP_ROOTFS/etc/sealkeep/developermode.conf"
+cat "$SEALKEEP_ROOTFS/etc/sealkeep/sealkeep.conf"
+echo "Asking never creates the database:"
+refused sealkeep db status
+
+step "Install the demo package: verified against the root CA, admitted, recorded."
+show sealkeep db install sealkeep-demo demo.rpm
+show sealkeep db status
+show sealkeep db list
+
+step "An update signed by another developer is refused."
+cp rpm/RPMS/noarch/sealkeep-demo-1.0-1.noarch.rpm foreign.rpm
+openssl genpkey -engine gost -algorithm gost2012_256 -pkeyopt paramset:A -out stranger.key 2>/dev/null
+openssl req -engine gost -new -key stranger.key -subj "/CN=Another developer" -out stranger.csr 2>/dev/null
+sealkeep ca issue stranger.pem --csr stranger.csr --ca-key ca.key --ca-cert ca.pem --group developer
+sealkeep sign foreign.rpm --cert stranger.pem --key stranger.key --ta-key ta.key --ta-algorithm pss >/dev/null
+refused sealkeep db install sealkeep-demo foreign.rpm
+
+step "The developer rotates to a new key; the update signed with the chain is accepted."
+openssl genpkey -engine gost -algorithm gost2012_256 -pkeyopt paramset:A -out developer2.key 2>/dev/null
+openssl req -engine gost -new -key developer2.key -subj "/CN=Demo developer, new key" -out developer2.csr 2>/dev/null
+sealkeep ca issue developer2.pem --csr developer2.csr --ca-key ca.key --ca-cert ca.pem --group developer
+show sealkeep rotate chain.pem --old-cert developer.pem --old-key developer.key --new-cert developer2.pem --new-key developer2.key
+cp rpm/RPMS/noarch/sealkeep-demo-1.0-1.noarch.rpm update.rpm
+sealkeep sign update.rpm --cert developer2.pem --key developer2.key --ta-key ta.key --ta-algorithm pss \
+  --rotation-chain chain.pem >/dev/null
+show sealkeep db install sealkeep-demo update.rpm
+echo "The old key is now superseded:"
+show sealkeep db revoked
+
+step "Blacklisting the key the new one was rotated from blocks the update."
+old_keyid=$(sealkeep db revoked --json | sed -n 's/.*"keyid": "\([0-9a-f]*\)".*/\1/p' | head -n 1)
+show sealkeep db revoke "$old_keyid" --blacklisted
+refused sealkeep db check sealkeep-demo update.rpm
+show sealkeep db unrevoke "$old_keyid" --blacklisted
+
+step "Put the per-file IMA signatures onto the unpacked payload."
+mkdir -p payload
+(cd payload && rpm2cpio ../update.rpm | cpio -idm --quiet)
+attr_flag=()
+attr_name=security.ima
+probe="$work/payload/.xattr-probe"
+touch "$probe"
+if ! setfattr -n security.ima -v 0x00 "$probe" 2>/dev/null; then
+  echo "(security.* is not writable here: user.ima instead)"
+  attr_flag=(--xattr-user)
+  attr_name=user.ima
+fi
+rm -f "$probe"
+show sealkeep ima apply update.rpm --root payload "${attr_flag[@]}" --dry-run
+show sealkeep ima apply update.rpm --root payload "${attr_flag[@]}"
+getfattr -d -m "$attr_name" -e hex -R payload/usr/share/demo
+echo "A file changed after unpacking is reported and left alone:"
+echo "changed" >> payload/usr/share/demo/hello.txt
+setfattr -x "$attr_name" payload/usr/share/demo/hello.txt
+refused sealkeep ima apply update.rpm --root payload "${attr_flag[@]}"
+unset SEALKEEP_ROOTFS
 
 step "The same calls from C++: a minimal client built with pkg-config alone."
 cd - >/dev/null

@@ -35,6 +35,8 @@ void addInspectCommand(CLI::App& app, int& status);
 void addStripCommand(CLI::App& app, int& status);
 void addCaCommands(CLI::App& app, int& status);
 void addRotationCommands(CLI::App& app, int& status);
+void addDbCommands(CLI::App& app, int& status);
+void addImaCommands(CLI::App& app, int& status);
 
 }  // namespace sealkeep::cli
 

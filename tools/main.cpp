@@ -23,6 +23,8 @@ int main(int argc, char** argv)
     addStripCommand(app, status);
     addCaCommands(app, status);
     addRotationCommands(app, status);
+    addDbCommands(app, status);
+    addImaCommands(app, status);
 
     try {
         app.parse(argc, argv);

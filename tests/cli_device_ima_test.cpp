@@ -1,0 +1,153 @@
+// sealkeep ima apply: the per-file IMA signatures of a package put onto its
+// payload unpacked with rpm2cpio | cpio, checked by getfattr and evmctl; files
+// changed or missing after unpacking are reported and left without a value.
+#include <sys/xattr.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <openssl/sha.h>
+#include <openssl/x509.h>
+
+#include <gtest/gtest.h>
+
+#include <sealkeep/file_with_cmses.hpp>
+
+#include "support/cli_test.hpp"
+#include "support/payload_signatures.hpp"
+#include "support/pki.hpp"
+
+namespace sealkeep::test {
+namespace {
+
+class CliDeviceIma : public CliTest {
+protected:
+    void SetUp() override
+    {
+        package = freshPackage();
+        auto signing = signAs(pki->developer(), package);
+        ASSERT_EQ(signing.exitCode, 0) << signing.errors;
+        names = packageFileNames(package);
+        root = work.file("root");
+        unpackPayload(package, root);
+    }
+
+    // The IMA record the developer signature carries for file index.
+    Bytes recordOf(std::size_t index) const
+    {
+        auto file = PackageSignatures::FileWithCmses::fromPath(package.c_str(), "r");
+        return file->cmses().at(0).fileSignature(static_cast<int>(index));
+    }
+
+    // The user.ima value of path as getfattr -e hex shows it; empty when none.
+    static std::string getfattrHex(std::string const& path)
+    {
+        auto result = runCommand({"getfattr", "--only-values", "-e", "hex", "-n", "user.ima", path});
+        if (result.exitCode != 0)
+            return {};
+        auto shown = runCommand({"getfattr", "-e", "hex", "-n", "user.ima", path}).output;
+        std::string prefix = "user.ima=0x";
+        auto at = shown.find(prefix);
+        if (at == std::string::npos)
+            return {};
+        return shown.substr(at + prefix.size(), shown.find('\n', at) - at - prefix.size());
+    }
+
+    // evmctl ima_verify --xattr-user of path, after rewriting the record's key
+    // id to the one evmctl derives itself (the last four bytes of SHA-1 over
+    // the public key's bits).
+    bool evmctlAccepts(std::string const& path, Bytes record) const
+    {
+        X509Ptr cert = loadCertificate(pki->developer().certPath);
+        ASN1_BIT_STRING* bits = X509_get0_pubkey_bitstr(cert.get());
+        unsigned char sha1[SHA_DIGEST_LENGTH];
+        SHA1(ASN1_STRING_get0_data(bits), static_cast<std::size_t>(ASN1_STRING_length(bits)), sha1);
+        std::copy(sha1 + SHA_DIGEST_LENGTH - 4, sha1 + SHA_DIGEST_LENGTH, record.begin() + 3);
+        if (setxattr(path.c_str(), "user.ima", record.data(), record.size(), 0) != 0)
+            return false;
+        std::string der = work.file("developer.der");
+        runCommand({"openssl", "x509", "-in", pki->developer().certPath, "-outform", "DER", "-out", der});
+        return runCommand({"evmctl", "--engine", "gost", "ima_verify", "--xattr-user", "--key", der, path}).exitCode == 0;
+    }
+
+    std::string package, root;
+    std::vector<std::string> names;
+};
+
+TEST_F(CliDeviceIma, EveryRecordLandsOnItsFile)
+{
+    auto applied = run({"ima", "apply", package, "--root", root, "--xattr-user"});
+    ASSERT_EQ(applied.exitCode, 0) << applied.errors;
+    EXPECT_EQ(applied.errors, "");
+    std::string expected;
+    for (std::size_t index = 0; index < names.size(); ++index)
+        expected += root + names[index] + ": user.ima set\n";
+    expected += std::to_string(names.size()) + " files labelled, 0 refused\n";
+    EXPECT_EQ(applied.output, expected);
+    // Every value first: evmctl's key id is written over a hard link's shared one.
+    for (std::size_t index = 0; index < names.size(); ++index) {
+        SCOPED_TRACE(names[index]);
+        ASSERT_FALSE(recordOf(index).empty());
+        EXPECT_EQ(getfattrHex(root + names[index]), hexOf(recordOf(index)));
+    }
+    for (std::size_t index = 0; index < names.size(); ++index) {
+        SCOPED_TRACE(names[index]);
+        EXPECT_TRUE(evmctlAccepts(root + names[index], recordOf(index)));
+    }
+}
+
+TEST_F(CliDeviceIma, ChangedAndMissingFilesAreReportedAndLeftAlone)
+{
+    std::string changed = root + "/usr/share/cli/empty";
+    writeText(changed, "changed after unpacking\n");
+    std::string missing = root + "/usr/share/cli/hello-again.txt";
+    std::remove(missing.c_str());
+    auto applied = run({"ima", "apply", package, "--root", root, "--xattr-user"});
+    EXPECT_EQ(applied.exitCode, 1);
+    std::string errors;
+    for (auto const& name : names) {
+        if (root + name == changed)
+            errors += "sealkeep: " + changed + ": changed since it was signed\n";
+        if (root + name == missing)
+            errors += "sealkeep: " + missing + ": missing\n";
+    }
+    EXPECT_EQ(applied.errors, errors);
+    EXPECT_NE(applied.output.find("1 file labelled, 2 refused\n"), std::string::npos) << applied.output;
+    EXPECT_EQ(getfattrHex(changed), "");
+    EXPECT_EQ(getfattrHex(root + "/usr/share/cli/hello.txt").empty(), false);
+}
+
+TEST_F(CliDeviceIma, DryRunWritesNothing)
+{
+    auto listed = run({"ima", "apply", package, "--root", root, "--xattr-user", "--dry-run"});
+    ASSERT_EQ(listed.exitCode, 0) << listed.errors;
+    std::string expected;
+    for (std::size_t index = 0; index < names.size(); ++index)
+        expected += root + names[index] + ": would set user.ima (" + std::to_string(recordOf(index).size()) + " bytes)\n";
+    expected += std::to_string(names.size()) + " files to label, 0 refused\n";
+    EXPECT_EQ(listed.output, expected);
+    for (auto const& name : names)
+        EXPECT_EQ(getfattrHex(root + name), "");
+}
+
+TEST_F(CliDeviceIma, ASymbolicLinkInPlaceOfAFileIsNotLabelled)
+{
+    std::string file = root + "/usr/share/cli/empty";
+    std::remove(file.c_str());
+    runCommand({"ln", "-s", "hello.txt", file});
+    auto applied = run({"ima", "apply", package, "--root", root, "--xattr-user"});
+    EXPECT_EQ(applied.exitCode, 1);
+    EXPECT_EQ(applied.errors, "sealkeep: " + file + ": not a regular file\n");
+}
+
+TEST_F(CliDeviceIma, PackageWithoutDeveloperSignatureIsRefused)
+{
+    std::string plain = freshPackage("plain.rpm");
+    auto result = run({"ima", "apply", plain, "--root", root});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.errors, "sealkeep: " + plain + ": no developer signature\n");
+}
+
+}  // namespace
+}  // namespace sealkeep::test

@@ -1,0 +1,476 @@
+// sealkeep db: the device's trust database as its installer and
+// administrators see it: status, admission checks, package records, revoked
+// key ids and the developer-mode state, all on the files the configuration
+// names.
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sqlite3.h>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <sealkeep/sealkeep.hpp>
+
+#include "cli.hpp"
+
+namespace sealkeep::cli {
+namespace {
+
+using PackageSignatures::Database;
+
+// The schema version this build of the library writes and understands.
+constexpr int knownSchemaVersion = 4;
+
+struct DbOptions {
+    std::string conf;  // empty: the default configuration file
+    bool json = false;
+    bool active = false;
+    bool superseded = false;
+    bool blacklisted = false;
+    std::string name;
+    std::string package;
+    std::string keyid;
+};
+
+// The configuration file and the database it names.
+struct Place {
+    std::string confPath;
+    std::string databasePath;
+};
+
+std::optional<Place> placeOf(DbOptions const& options)
+{
+    std::string confPath =
+        options.conf.empty() ? PackageSignatures::Configuration().confPath() : options.conf;
+    if (!std::ifstream(confPath)) {
+        reportFailure(confPath, "cannot read the configuration: " + systemReason());
+        return std::nullopt;
+    }
+    std::string databasePath = PackageSignatures::Configuration(confPath).databasePath();
+    if (databasePath.empty()) {
+        reportFailure(confPath, "no database_path in group [main]");
+        return std::nullopt;
+    }
+    return Place{confPath, databasePath};
+}
+
+// The schema version of an existing database file, read without writing;
+// nothing when the file cannot be opened read-only or is not a database.
+std::optional<int> schemaVersionOf(std::string const& path)
+{
+    sqlite3* raw = nullptr;
+    int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+    std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, &sqlite3_close);
+    if (rc != SQLITE_OK)
+        return std::nullopt;
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db.get(), "PRAGMA user_version", -1, &statement, nullptr) != SQLITE_OK)
+        return std::nullopt;
+    std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> owned(statement, &sqlite3_finalize);
+    if (sqlite3_step(statement) != SQLITE_ROW)
+        return std::nullopt;
+    return sqlite3_column_int(statement, 0);
+}
+
+// The database of the configuration, opened for a command. A read-only
+// command needs an existing file, so that asking never creates one; every
+// command refuses a file of a newer schema rather than work on tables it does
+// not know.
+std::unique_ptr<Database> openDatabase(Place const& place, bool readOnly)
+{
+    bool exists = static_cast<bool>(std::ifstream(place.databasePath));
+    if (!exists && readOnly) {
+        reportFailure(place.databasePath, "cannot open the database: " + systemReason());
+        return nullptr;
+    }
+    if (exists) {
+        std::optional<int> version = schemaVersionOf(place.databasePath);
+        if (!version) {
+            reportFailure(place.databasePath, "cannot open the database: not an SQLite database");
+            return nullptr;
+        }
+        if (*version > knownSchemaVersion) {
+            reportFailure(place.databasePath, "the database has schema version " + std::to_string(*version) +
+                                                  ", newer than version " + std::to_string(knownSchemaVersion) +
+                                                  " that this command knows");
+            return nullptr;
+        }
+    }
+    auto db = std::make_unique<Database>(place.databasePath, place.confPath);
+    if (db->queryVersion() != knownSchemaVersion) {
+        reportFailure(place.databasePath, "cannot open the database at schema version " +
+                                              std::to_string(knownSchemaVersion));
+        return nullptr;
+    }
+    return db;
+}
+
+using Run = int (*)(DbOptions const& options, Place const& place, Database& db);
+
+// Makes command run on the configuration's database; its status is 1 when
+// the database cannot be opened (reported already).
+void runOnDatabase(CLI::App& command, std::shared_ptr<DbOptions> const& options, int& status, bool readOnly, Run run)
+{
+    command.callback([options, &status, readOnly, run] {
+        auto place = placeOf(*options);
+        auto db = place ? openDatabase(*place, readOnly) : nullptr;
+        status = db ? run(*options, *place, *db) : statusFailed;
+    });
+}
+
+std::string decisionName(PackageSignatures::PackageCheckResult result)
+{
+    switch (result) {
+    case PackageSignatures::Accepted:
+        return "Accepted";
+    case PackageSignatures::NotDeveloperSigned:
+        return "NotDeveloperSigned";
+    case PackageSignatures::DeveloperMismatch:
+        return "DeveloperMismatch";
+    case PackageSignatures::KeySuperseded:
+        return "KeySuperseded";
+    case PackageSignatures::KeyBlacklisted:
+        return "KeyBlacklisted";
+    }
+    return "Unknown(" + std::to_string(static_cast<int>(result)) + ")";
+}
+
+std::string revocationName(int status)
+{
+    switch (status) {
+    case Database::Superseded:
+        return "superseded";
+    case Database::Blacklisted:
+        return "blacklisted";
+    default:
+        return "not revoked";
+    }
+}
+
+nlohmann::json certificateJson(PackageSignatures::Certificate const& certificate)
+{
+    return {{"group", PackageSignatures::groupToString(certificate.group())},
+            {"subgroup", PackageSignatures::subgroupToString(certificate.subgroup())},
+            {"keyid", certificate.keyId()},
+            {"subject", certificate.subject()}};
+}
+
+std::string certificateLine(nlohmann::json const& certificate)
+{
+    return certificate["group"].get<std::string>() + " " + certificate["keyid"].get<std::string>() + " " +
+           certificate["subject"].get<std::string>();
+}
+
+// Which developer-mode file gave the answer, as isDeveloperModeEnabled reads
+// them: the runtime file first, then the initial one.
+nlohmann::json developerModeJson(Database const& db, Place const& place)
+{
+    PackageSignatures::Configuration configuration(place.confPath);
+    bool enabled = false;
+    if (db.readDeveloperModeConfig(Database::Runtime, enabled))
+        return {{"enabled", enabled}, {"decided_by", configuration.developerModeRuntimeConfPath()}};
+    if (db.readDeveloperModeConfig(Database::Initial, enabled))
+        return {{"enabled", enabled}, {"decided_by", configuration.developerModeInitialConfPath()}};
+    return {{"enabled", false}, {"decided_by", nullptr}};
+}
+
+std::string developerModeLine(nlohmann::json const& mode)
+{
+    std::string line = std::string("developer mode: ") + (mode["enabled"].get<bool>() ? "on" : "off");
+    if (mode["decided_by"].is_null())
+        return line + " (no developer-mode file answers)";
+    return line + " (decided by " + mode["decided_by"].get<std::string>() + ")";
+}
+
+int runStatus(DbOptions const& options, Place const& place, Database& db)
+{
+    std::size_t superseded = 0;
+    std::size_t blacklisted = 0;
+    for (auto const& keyid : db.revokedKeyids())
+        (db.getKeyidRevocationStatus(keyid) == Database::Superseded ? superseded : blacklisted)++;
+    nlohmann::json status = {{"configuration", place.confPath},
+                             {"database", place.databasePath},
+                             {"schema_version", db.queryVersion()},
+                             {"developer_mode", developerModeJson(db, place)},
+                             {"packages", db.packages().size()},
+                             {"certificates", db.certificates().size()},
+                             {"superseded_keyids", superseded},
+                             {"blacklisted_keyids", blacklisted}};
+    if (options.json) {
+        printLine(status.dump(2));
+        return statusOk;
+    }
+    printLine("configuration: " + place.confPath);
+    printLine("database: " + place.databasePath);
+    printLine("schema version: " + std::to_string(status["schema_version"].get<int>()));
+    printLine(developerModeLine(status["developer_mode"]));
+    printLine("packages: " + std::to_string(status["packages"].get<std::size_t>()));
+    printLine("certificates: " + std::to_string(status["certificates"].get<std::size_t>()));
+    printLine("superseded key ids: " + std::to_string(superseded));
+    printLine("blacklisted key ids: " + std::to_string(blacklisted));
+    return statusOk;
+}
+
+// A package's signatures once they verify against the configured root CA.
+std::optional<std::vector<PackageSignatures::Cms>> verifiedSignatures(Place const& place,
+                                                                      std::string const& package)
+{
+    std::string ca = PackageSignatures::Configuration(place.confPath).caPath();
+    auto file = PackageSignatures::FileWithCmses::fromPath(package.c_str(), "r");
+    if (!file) {
+        reportFailure(package, "cannot open: " + systemReason());
+        return std::nullopt;
+    }
+    if (!file->verifyCmses(ca.c_str())) {
+        reportFailure(package, "the signatures do not verify against " + ca);
+        return std::nullopt;
+    }
+    return file->cmses();
+}
+
+// The decision on a package with the key ids it rests on.
+nlohmann::json admission(Database& db, std::string const& name, std::vector<PackageSignatures::Cms> const& cmses)
+{
+    auto decision = db.checkPackage(name, cmses, false);
+    nlohmann::json result = {{"package", name}, {"decision", decisionName(decision)},
+                             {"code", static_cast<int>(decision)}};
+    auto developer = PackageSignatures::developerCmsFromVector(cmses);
+    if (developer) {
+        result["signer_keyid"] = developer->certificate()->keyId();
+        nlohmann::json previous = nlohmann::json::array();
+        if (auto chain = developer->rotationChain())
+            for (auto const& keyid : chain->previousKeyids())
+                previous.push_back(keyid);
+        result["previous_keyids"] = previous;
+    }
+    auto installed = db.packageCertificateWithGroup(name, PackageSignatures::Group::Developer);
+    result["installed_keyid"] = installed ? nlohmann::json(installed->keyId()) : nlohmann::json(nullptr);
+    return result;
+}
+
+std::string admissionLine(nlohmann::json const& result)
+{
+    std::string line = result["package"].get<std::string>() + ": " + result["decision"].get<std::string>();
+    if (result.contains("signer_keyid")) {
+        line += " (signer " + result["signer_keyid"].get<std::string>();
+        for (auto const& keyid : result["previous_keyids"])
+            line += ", rotated from " + keyid.get<std::string>();
+        if (!result["installed_keyid"].is_null())
+            line += ", installed " + result["installed_keyid"].get<std::string>();
+        line += ")";
+    }
+    return line;
+}
+
+int runCheck(DbOptions const& options, Place const& place, Database& db)
+{
+    auto cmses = verifiedSignatures(place, options.package);
+    if (!cmses)
+        return statusFailed;
+    nlohmann::json result = admission(db, options.name, *cmses);
+    printLine(options.json ? result.dump(2) : admissionLine(result));
+    return result["code"] == PackageSignatures::Accepted ? statusOk : statusFailed;
+}
+
+int runInstall(DbOptions const& options, Place const& place, Database& db)
+{
+    auto cmses = verifiedSignatures(place, options.package);
+    if (!cmses)
+        return statusFailed;
+    nlohmann::json result = admission(db, options.name, *cmses);
+    printLine(admissionLine(result));
+    if (result["code"] != PackageSignatures::Accepted) {
+        reportFailure(options.package, "not installed: " + result["decision"].get<std::string>());
+        return statusFailed;
+    }
+    if (!db.insertPackage(options.name, *cmses)) {
+        reportFailure(place.databasePath, "could not record " + options.name);
+        return statusFailed;
+    }
+    printLine(options.name + ": recorded");
+    return statusOk;
+}
+
+int runRemove(DbOptions const& options, Place const& place, Database& db)
+{
+    bool existed = db.packageExists(options.name);
+    if (!db.removePackage(options.name)) {
+        reportFailure(place.databasePath, "could not remove " + options.name);
+        return statusFailed;
+    }
+    printLine(options.name + (existed ? ": removed" : ": was not recorded"));
+    return statusOk;
+}
+
+int runList(DbOptions const& options, Place const& /*place*/, Database& db)
+{
+    nlohmann::json packages = nlohmann::json::array();
+    for (auto const& name : db.packages()) {
+        nlohmann::json signers = nlohmann::json::array();
+        for (auto const& certificate : db.packageCertificates(name))
+            signers.push_back(certificateJson(certificate));
+        packages.push_back({{"name", name}, {"signers", signers}});
+    }
+    if (options.json) {
+        printLine(nlohmann::json{{"packages", packages}}.dump(2));
+        return statusOk;
+    }
+    for (auto const& package : packages) {
+        printLine(package["name"].get<std::string>());
+        for (auto const& signer : package["signers"])
+            printLine("  " + certificateLine(signer));
+    }
+    return statusOk;
+}
+
+int runCertificates(DbOptions const& options, Place const& /*place*/, Database& db)
+{
+    nlohmann::json certificates = nlohmann::json::array();
+    for (auto const& certificate : options.active ? db.activeCertificates() : db.certificates())
+        certificates.push_back(certificateJson(certificate));
+    if (options.json) {
+        printLine(nlohmann::json{{"certificates", certificates}}.dump(2));
+        return statusOk;
+    }
+    for (auto const& certificate : certificates)
+        printLine(certificateLine(certificate));
+    return statusOk;
+}
+
+Database::RevocationType revocationType(DbOptions const& options)
+{
+    return options.blacklisted ? Database::Blacklisted : Database::Superseded;
+}
+
+int changeRevocation(DbOptions const& options, Place const& place, Database& db, bool insert)
+{
+    auto type = revocationType(options);
+    bool done = insert ? db.insertRevokedKeyid(options.keyid, type) : db.removeRevokedKeyid(options.keyid, type);
+    if (!done) {
+        reportFailure(place.databasePath, "could not change key id " + options.keyid);
+        return statusFailed;
+    }
+    printLine(options.keyid + ": " + revocationName(db.getKeyidRevocationStatus(options.keyid)));
+    return statusOk;
+}
+
+int runRevoke(DbOptions const& options, Place const& place, Database& db)
+{
+    return changeRevocation(options, place, db, true);
+}
+
+int runUnrevoke(DbOptions const& options, Place const& place, Database& db)
+{
+    return changeRevocation(options, place, db, false);
+}
+
+int runRevoked(DbOptions const& options, Place const& /*place*/, Database& db)
+{
+    nlohmann::json keyids = nlohmann::json::array();
+    for (auto const& keyid : db.revokedKeyids())
+        keyids.push_back({{"keyid", keyid}, {"type", revocationName(db.getKeyidRevocationStatus(keyid))}});
+    if (options.json) {
+        printLine(nlohmann::json{{"revoked", keyids}}.dump(2));
+        return statusOk;
+    }
+    for (auto const& keyid : keyids)
+        printLine(keyid["keyid"].get<std::string>() + " " + keyid["type"].get<std::string>());
+    return statusOk;
+}
+
+int runSync(DbOptions const& /*options*/, Place const& place, Database& db)
+{
+    bool enabled = db.isDeveloperModeEnabled();
+    if (!db.updateRevokedKeyids()) {
+        reportFailure(PackageSignatures::Configuration(place.confPath).revocationConfPath(),
+                      "could not apply the revocation file");
+        return statusFailed;
+    }
+    printLine(std::string("revoked key ids updated (developer mode ") + (enabled ? "on" : "off") + ")");
+    return statusOk;
+}
+
+int runDeveloperMode(DbOptions const& options, Place const& place, Database& db)
+{
+    nlohmann::json mode = developerModeJson(db, place);
+    printLine(options.json ? mode.dump(2) : developerModeLine(mode));
+    return statusOk;
+}
+
+CLI::App* addDbSubcommand(CLI::App& db, char const* name, char const* description, DbOptions& options)
+{
+    CLI::App* command = db.add_subcommand(name, description);
+    command->add_option("--conf", options.conf, "Configuration file (default /etc/sealkeep/sealkeep.conf under $SEALKEEP_ROOTFS)");
+    return command;
+}
+
+}  // namespace
+
+void addDbCommands(CLI::App& app, int& status)
+{
+    auto options = std::make_shared<DbOptions>();
+    CLI::App* db = app.add_subcommand("db", "Inspect and drive the device's trust database");
+    db->require_subcommand(1);
+
+    auto* statusCommand = addDbSubcommand(*db, "status", "Configuration, schema, developer mode and counts", *options);
+    statusCommand->add_flag("--json", options->json, "Print as JSON");
+    runOnDatabase(*statusCommand, options, status, true, runStatus);
+
+    for (bool install : {false, true}) {
+        auto* command = addDbSubcommand(*db, install ? "install" : "check",
+                                        install ? "Verify and check a package, and record it when accepted"
+                                                : "Verify a package and ask whether it may be installed",
+                                        *options);
+        command->add_option("name", options->name, "Package name")->required();
+        command->add_option("package", options->package, "Signed package file")->required();
+        if (install) {
+            runOnDatabase(*command, options, status, false, runInstall);
+        } else {
+            command->add_flag("--json", options->json, "Print as JSON");
+            runOnDatabase(*command, options, status, true, runCheck);
+        }
+    }
+
+    auto* remove = addDbSubcommand(*db, "remove", "Forget an installed package", *options);
+    remove->add_option("name", options->name, "Package name")->required();
+    runOnDatabase(*remove, options, status, false, runRemove);
+
+    auto* list = addDbSubcommand(*db, "list", "Installed packages with their signers", *options);
+    list->add_flag("--json", options->json, "Print as JSON");
+    runOnDatabase(*list, options, status, true, runList);
+
+    auto* certificates = addDbSubcommand(*db, "certificates", "Recorded certificates", *options);
+    certificates->add_flag("--active", options->active, "Only those that sign a package and are not blacklisted");
+    certificates->add_flag("--json", options->json, "Print as JSON");
+    runOnDatabase(*certificates, options, status, true, runCertificates);
+
+    for (bool insert : {true, false}) {
+        auto* command = addDbSubcommand(*db, insert ? "revoke" : "unrevoke",
+                                        insert ? "Record a key id as superseded or blacklisted"
+                                               : "Remove a key id's superseded or blacklisted entry",
+                                        *options);
+        command->add_option("keyid", options->keyid, "Key id")->required();
+        auto* type = command->add_option_group("type", "Exactly one of");
+        type->add_flag("--superseded", options->superseded, "Superseded by a rotation");
+        type->add_flag("--blacklisted", options->blacklisted, "Blacklisted");
+        type->require_option(1);
+        runOnDatabase(*command, options, status, false, insert ? runRevoke : runUnrevoke);
+    }
+
+    auto* revoked = addDbSubcommand(*db, "revoked", "Revoked key ids", *options);
+    revoked->add_flag("--json", options->json, "Print as JSON");
+    runOnDatabase(*revoked, options, status, true, runRevoked);
+
+    auto* sync = addDbSubcommand(*db, "sync", "Apply the revocation file according to developer mode", *options);
+    runOnDatabase(*sync, options, status, false, runSync);
+
+    auto* mode = addDbSubcommand(*db, "developer-mode", "Whether developer mode is on, and which file says so", *options);
+    mode->add_flag("--json", options->json, "Print as JSON");
+    runOnDatabase(*mode, options, status, true, runDeveloperMode);
+}
+
+}  // namespace sealkeep::cli

@@ -1,0 +1,190 @@
+// sealkeep ima apply: puts the per-file IMA signatures of a package's
+// developer signature onto the files the package installed under a root
+// directory, as the extended attribute the kernel (or evmctl) reads. A file
+// gets its value only when its content still matches the signed digest, so
+// that a changed file is never labelled as the developer's.
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <array>
+#include <cerrno>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <openssl/evp.h>
+#include <openssl/obj_mac.h>
+#include <openssl/x509.h>
+
+#include <CLI/CLI.hpp>
+
+#include <sealkeep/sealkeep.hpp>
+
+#include "cli.hpp"
+#include "common/ossl_ptr.hpp"
+#include "package_files.hpp"
+
+namespace sealkeep::cli {
+namespace {
+
+constexpr std::size_t imaHeaderSize = 9;
+
+struct ImaOptions {
+    std::string package;
+    std::string root;
+    bool xattrUser = false;
+    bool dryRun = false;
+};
+
+// The digest a record's hash-algorithm byte (the kernel's enum hash_algo)
+// names; null for one this command does not verify.
+EVP_MD const* digestOfRecord(unsigned char number)
+{
+    switch (number) {
+    case 0: return EVP_get_digestbynid(NID_md4);
+    case 1: return EVP_get_digestbynid(NID_md5);
+    case 2: return EVP_get_digestbynid(NID_sha1);
+    case 3: return EVP_get_digestbynid(NID_ripemd160);
+    case 4: return EVP_get_digestbynid(NID_sha256);
+    case 5: return EVP_get_digestbynid(NID_sha384);
+    case 6: return EVP_get_digestbynid(NID_sha512);
+    case 7: return EVP_get_digestbynid(NID_sha224);
+    case 18: return EVP_get_digestbynid(NID_id_GostR3411_2012_256);
+    case 19: return EVP_get_digestbynid(NID_id_GostR3411_2012_512);
+    default: return nullptr;
+    }
+}
+
+// The digest of the file's content; nothing when it cannot be read.
+std::optional<std::vector<unsigned char>> fileDigest(std::string const& path, EVP_MD const* md)
+{
+    std::ifstream in(path, std::ios::binary);
+    MdCtxPtr context(EVP_MD_CTX_new());
+    if (!in || !context || EVP_DigestInit_ex(context.get(), md, nullptr) != 1)
+        return std::nullopt;
+    std::array<char, 65536> buffer;
+    while (in) {
+        in.read(buffer.data(), buffer.size());
+        if (in.gcount() > 0 && EVP_DigestUpdate(context.get(), buffer.data(), in.gcount()) != 1)
+            return std::nullopt;
+    }
+    if (in.bad())
+        return std::nullopt;
+    std::vector<unsigned char> digest(EVP_MAX_MD_SIZE);
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1)
+        return std::nullopt;
+    digest.resize(length);
+    return digest;
+}
+
+// Why the file at path may not carry record, signed by key; empty when it
+// may: the record's signature must verify over the digest of the content
+// found there now.
+std::string refusalOf(std::string const& path, std::vector<unsigned char> const& record, EVP_PKEY* key)
+{
+    if (record.size() < imaHeaderSize || record[0] != 3 || record[1] != 2)
+        return "the package's record for it is not an IMA signature";
+    EVP_MD const* md = digestOfRecord(record[2]);
+    if (!md)
+        return "the record's hash algorithm " + std::to_string(record[2]) + " is not supported";
+    std::size_t signatureSize = (std::size_t{record[7]} << 8) | record[8];
+    if (record.size() != imaHeaderSize + signatureSize)
+        return "the package's record for it is truncated";
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0)
+        return errno == ENOENT ? "missing" : "cannot read: " + systemReason();
+    if (!S_ISREG(status.st_mode))
+        return "not a regular file";
+    auto digest = fileDigest(path, md);
+    if (!digest)
+        return "cannot read: " + systemReason();
+    PkeyCtxPtr context(EVP_PKEY_CTX_new(key, nullptr));
+    if (!context || EVP_PKEY_verify_init(context.get()) != 1 ||
+        EVP_PKEY_CTX_set_signature_md(context.get(), md) != 1)
+        return "cannot verify its signature";
+    if (EVP_PKEY_verify(context.get(), record.data() + imaHeaderSize, signatureSize, digest->data(),
+                        digest->size()) != 1)
+        return "changed since it was signed";
+    return {};
+}
+
+int runApply(ImaOptions const& options)
+{
+    auto file = PackageSignatures::FileWithCmses::fromPath(options.package.c_str(), "r");
+    if (!file) {
+        reportFailure(options.package, "cannot open: " + systemReason());
+        return statusFailed;
+    }
+    auto developer = PackageSignatures::developerCmsFromVector(file->cmses());
+    if (!developer) {
+        reportFailure(options.package, "no developer signature");
+        return statusFailed;
+    }
+    auto certificate = developer->certificate();
+    PkeyPtr key(certificate && certificate->get() ? X509_get_pubkey(certificate->get()) : nullptr);
+    if (!key) {
+        reportFailure(options.package, "the developer signature has no readable certificate");
+        return statusFailed;
+    }
+    std::vector<std::string> names = packageFileNames(options.package);
+    if (names.empty()) {
+        reportFailure(options.package, "not an RPM package, or one without files");
+        return statusFailed;
+    }
+    char const* attribute = options.xattrUser ? "user.ima" : "security.ima";
+    std::size_t written = 0;
+    std::size_t refused = 0;
+    for (std::size_t index = 0; index < names.size(); ++index) {
+        std::vector<unsigned char> record = developer->fileSignature(static_cast<int>(index));
+        if (record.empty())
+            continue;
+        // Header paths are absolute; one that climbs out of the root is not followed.
+        if (names[index].find("/../") != std::string::npos) {
+            reportFailure(names[index], "the path leaves the root");
+            ++refused;
+            continue;
+        }
+        std::string path = options.root + names[index];
+        std::string refusal = refusalOf(path, record, key.get());
+        if (!refusal.empty()) {
+            reportFailure(path, refusal);
+            ++refused;
+            continue;
+        }
+        if (options.dryRun) {
+            printLine(path + ": would set " + attribute + " (" + countOf(record.size(), "byte") + ")");
+            ++written;
+            continue;
+        }
+        if (lsetxattr(path.c_str(), attribute, record.data(), record.size(), 0) != 0) {
+            reportFailure(path, std::string("cannot set ") + attribute + ": " + systemReason());
+            ++refused;
+            continue;
+        }
+        printLine(path + ": " + attribute + " set");
+        ++written;
+    }
+    printLine(countOf(written, "file") + (options.dryRun ? " to label, " : " labelled, ") +
+              std::to_string(refused) + " refused");
+    return refused == 0 ? statusOk : statusFailed;
+}
+
+}  // namespace
+
+void addImaCommands(CLI::App& app, int& status)
+{
+    auto options = std::make_shared<ImaOptions>();
+    CLI::App* ima = app.add_subcommand("ima", "Put a package's per-file IMA signatures onto installed files");
+    ima->require_subcommand(1);
+    CLI::App* apply = ima->add_subcommand("apply", "Write each file's IMA signature as its extended attribute");
+    apply->add_option("package", options->package, "Signed package")->required();
+    apply->add_option("--root", options->root, "Directory the package's files were installed under")->required();
+    apply->add_flag("--xattr-user", options->xattrUser, "Write user.ima instead of security.ima");
+    apply->add_flag("--dry-run", options->dryRun, "List what would be written, write nothing");
+    apply->callback([options, &status] { status = runApply(*options); });
+}
+
+}  // namespace sealkeep::cli
