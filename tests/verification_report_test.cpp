@@ -106,6 +106,14 @@ protected:
         EXPECT_EQ(reason, block.reason) << reasonName(block.reason);
     }
 
+    // The report of a stack of one block, covering the package, refused there.
+    void expectRefusedAlone(VerificationReport const& result, Group group, VerificationReason reason) const
+    {
+        EXPECT_EQ(reason, result.reason);
+        ASSERT_EQ(1u, result.blocks.size());
+        expectBlock(result.blocks[0], 0, group, 0, packageSize(), reason);
+    }
+
     static inline std::unique_ptr<TempDir> rpmDir;
     static inline std::unique_ptr<Bytes> package;
     TempDir dir;
@@ -188,9 +196,7 @@ TEST_F(VerificationReportTest, ASeclabSignatureFirstBreaksThePositionRule)
 {
     appendFile(path, makeBlock(signRange(*package, pki->seclab()), 2));
     VerificationReport result = report();
-    EXPECT_EQ(VerificationReason::GroupNotAllowed, result.reason);
-    ASSERT_EQ(1u, result.blocks.size());
-    expectBlock(result.blocks[0], 0, Group::Seclab, 0, packageSize(), VerificationReason::GroupNotAllowed);
+    expectRefusedAlone(result, Group::Seclab, VerificationReason::GroupNotAllowed);
     EXPECT_EQ("", lastErrors);
 }
 
@@ -222,9 +228,7 @@ TEST_F(VerificationReportTest, ASignatureOfAnotherCaIsNotTrusted)
     Pki otherPki("another CA");
     appendFile(path, makeBlock(signRange(*package, otherPki.developer()), 2));
     VerificationReport result = report();
-    EXPECT_EQ(VerificationReason::CertificateChainNotTrusted, result.reason);
-    ASSERT_EQ(1u, result.blocks.size());
-    expectBlock(result.blocks[0], 0, Group::None, 0, packageSize(), VerificationReason::CertificateChainNotTrusted);
+    expectRefusedAlone(result, Group::None, VerificationReason::CertificateChainNotTrusted);
     EXPECT_NE(std::string::npos, lastErrors.find("certificate verify error")) << lastErrors;
 }
 
@@ -254,9 +258,7 @@ TEST_F(VerificationReportTest, ARotationProofSignedByTheWrongKeyDoesNotVerify)
 
     appendWithRotation(pki->developer(), 0, chainDer);
     VerificationReport result = report();
-    EXPECT_EQ(VerificationReason::RotationChainInvalid, result.reason);
-    ASSERT_EQ(1u, result.blocks.size());
-    expectBlock(result.blocks[0], 0, Group::None, 0, packageSize(), VerificationReason::RotationChainInvalid);
+    expectRefusedAlone(result, Group::None, VerificationReason::RotationChainInvalid);
     EXPECT_EQ("Could not verify old signature in proof-of-rotation\nCould not verify proof[0]\n"
               "Proof-of-rotation chain verification failed\n",
               lastErrors);
@@ -275,9 +277,7 @@ TEST_F(VerificationReportTest, ARotationChainEndingAtAnotherKeyIsReported)
 
     appendWithRotation(pki->developer(), 0, chainDer);
     VerificationReport result = report();
-    EXPECT_EQ(VerificationReason::RotationChainNotAtSigner, result.reason);
-    ASSERT_EQ(1u, result.blocks.size());
-    expectBlock(result.blocks[0], 0, Group::None, 0, packageSize(), VerificationReason::RotationChainNotAtSigner);
+    expectRefusedAlone(result, Group::None, VerificationReason::RotationChainNotAtSigner);
     EXPECT_EQ("Last keyid in rotation chain does not match with CMS certificate\n", lastErrors);
 }
 
@@ -300,9 +300,7 @@ TEST_F(VerificationReportTest, ACmsWithTwoSignersIsMalformed)
     LoadedSigner seclab = loadSigner(pki->seclab());
     appendFile(path, makeBlock(cmsWithSigners(*package, {developer.borrowed(), seclab.borrowed()}), 2));
     VerificationReport result = report();
-    EXPECT_EQ(VerificationReason::CmsMalformed, result.reason);
-    ASSERT_EQ(1u, result.blocks.size());
-    expectBlock(result.blocks[0], 0, Group::None, 0, packageSize(), VerificationReason::CmsMalformed);
+    expectRefusedAlone(result, Group::None, VerificationReason::CmsMalformed);
     EXPECT_EQ("CMS verification needs exactly one signer (found: 2)\n" + verificationFailed, lastErrors);
 }
 
