@@ -26,10 +26,9 @@ bool groupAllowedAt(std::size_t position, Group group)
     }
 }
 
-bool mayTakeNextPosition(Group group, std::vector<Group> const& present)
+bool mayTakeNextPosition(Group group, std::size_t position, Group newest)
 {
-    const std::size_t position = present.size();
-    if (position == 2 && present[1] != Group::Seclab)
+    if (position == 2 && newest != Group::Seclab)
         return false;
     return groupAllowedAt(position, group);
 }

@@ -6,7 +6,6 @@
 #define SEALKEEP_SRC_SIGNATURE_STACK_HPP
 
 #include <cstddef>
-#include <vector>
 
 #include <sealkeep/groups.hpp>
 
@@ -18,9 +17,10 @@ constexpr std::size_t maxSignatures = 3;
 // the stack, whoever stands before it.
 bool groupAllowedAt(std::size_t position, Group group);
 
-// Signing: whether a signer of group may add the next signature above the
-// signers whose groups are listed, oldest first.
-bool mayTakeNextPosition(Group group, std::vector<Group> const& present);
+// Signing: whether a signer of group may add the signature at position
+// (0-based) above a stack whose newest signer is of group newest. Only the
+// third position looks at newest.
+bool mayTakeNextPosition(Group group, std::size_t position, Group newest);
 
 }  // namespace PackageSignatures
 
