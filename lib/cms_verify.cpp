@@ -21,6 +21,7 @@
 #include "cms_rotation_chain.hpp"
 #include "common/digests.hpp"
 #include "common/ossl_ptr.hpp"
+#include "common/rotation_end.hpp"
 #include "common/streaming_bio.hpp"
 
 namespace {
@@ -33,14 +34,32 @@ bool failVerification()
     return false;
 }
 
-bool verifyAttached(BIO* covered, CMS_ContentInfo* cms, X509_STORE* store)
+// Which check a failed CMS_verify stopped at, read from OpenSSL's error queue
+// before it is printed. The signer's certificate is checked before the
+// content, and a chain that fails is the last error raised.
+CmsCheck failedCmsVerify()
+{
+    unsigned long error = ERR_peek_last_error();
+    if (ERR_GET_LIB(error) == ERR_LIB_CMS && ERR_GET_REASON(error) == CMS_R_CERTIFICATE_VERIFY_ERROR)
+        return CmsCheck::CertificateChain;
+    return CmsCheck::ContentDigest;
+}
+
+CmsCheck failWith(CmsCheck check)
+{
+    failVerification();
+    return check;
+}
+
+CmsCheck verifyAttached(BIO* covered, CMS_ContentInfo* cms, X509_STORE* store)
 {
     BioPtr out(BIO_new(BIO_s_mem()));
     if (!out)
-        return failVerification();
+        return failWith(CmsCheck::Malformed);
     if (CMS_verify(cms, nullptr, store, nullptr, out.get(), CMS_BINARY) != 1) {
+        CmsCheck failed = failedCmsVerify();
         fprintf(stderr, "Unable to verify CMS certificate chain\n");
-        return failVerification();
+        return failWith(failed);
     }
     char* content = nullptr;
     long contentLength = BIO_get_mem_data(out.get(), &content);
@@ -48,59 +67,53 @@ bool verifyAttached(BIO* covered, CMS_ContentInfo* cms, X509_STORE* store)
     auto digest = gostDigestOfBio(covered);
     if (!digest) {
         fprintf(stderr, "Could not calculate digest for data\n");
-        return failVerification();
+        return failWith(CmsCheck::ContentDigest);
     }
     if (static_cast<size_t>(contentLength) != digest->size()) {
         fprintf(stderr, "CMS contains digest with wrong length (expected %u, got %ld)\n",
                 static_cast<unsigned>(digest->size()), contentLength);
-        return failVerification();
+        return failWith(CmsCheck::ContentDigest);
     }
     if (memcmp(content, digest->data(), digest->size()) != 0) {
         fprintf(stderr, "Digests differ from each other (signed data was corrupted?)\n");
-        return failVerification();
+        return failWith(CmsCheck::ContentDigest);
     }
-    return true;
+    return CmsCheck::Passed;
 }
 
-bool verifyDetached(BIO* covered, CMS_ContentInfo* cms, X509_STORE* store)
+CmsCheck verifyDetached(BIO* covered, CMS_ContentInfo* cms, X509_STORE* store)
 {
     if (CMS_verify(cms, nullptr, store, covered, nullptr, CMS_BINARY) != 1) {
+        CmsCheck failed = failedCmsVerify();
         ERR_print_errors_fp(stderr);
-        return failVerification();
+        return failWith(failed);
     }
-    return true;
+    return CmsCheck::Passed;
 }
 
 // A rotation chain that does not decode has printed its message and counts
 // as absent, like a signature without rotation. One longer than the limit is
 // refused, not ignored: the signer did claim a rotation.
-bool verifyRotation(CMS_ContentInfo* cms)
+CmsCheck verifyRotation(CMS_ContentInfo* cms)
 {
     bool tooLong = false;
     ChainPtr chain(readRotationChain(cms, &tooLong));
     if (tooLong) {
         fprintf(stderr, "Proof-of-rotation chain verification failed\n");
-        return false;
+        return CmsCheck::RotationInvalid;
     }
     if (!chain)
-        return true;
+        return CmsCheck::Passed;
     if (ProofOfRotationChain_verify(chain.get()) < 1) {
         fprintf(stderr, "Proof-of-rotation chain verification failed\n");
-        return false;
+        return CmsCheck::RotationInvalid;
     }
-    int count = ProofOfRotationChain_count(chain.get());
-    if (count == 0)
-        return true;
-    X509* newest = ProofOfRotation_get0_new_cert(
-        ProofOfRotationChain_get0_at(chain.get(), static_cast<unsigned>(count - 1)));
-    X509* signer = cms_get_certificate(cms);
-    MallocPtr newestKeyid(newest ? certificate_get_keyid(newest) : nullptr);
-    MallocPtr signerKeyid(signer ? certificate_get_keyid(signer) : nullptr);
-    if (g_strcmp0(newestKeyid.get(), signerKeyid.get()) != 0) {
+    // An empty chain claims no rotation: there is nothing for it to end at.
+    if (rotationChainEnd(chain.get(), cms_get_certificate(cms)) == RotationEnd::Elsewhere) {
         fprintf(stderr, "Last keyid in rotation chain does not match with CMS certificate\n");
-        return false;
+        return CmsCheck::RotationNotAtSigner;
     }
-    return true;
+    return CmsCheck::Passed;
 }
 
 // The readers answer only for a CMS with exactly one signer, so a second
@@ -120,18 +133,23 @@ bool hasOneSigner(CMS_ContentInfo* cms)
 
 namespace sealkeep {
 
-bool verifyCmsContent(BIO* content, CMS_ContentInfo* cms, X509_STORE* store)
+CmsCheck checkCmsContent(BIO* content, CMS_ContentInfo* cms, X509_STORE* store)
 {
     // Whatever earlier calls left in OpenSSL's error queue (reading the CA
     // store, for one) is not part of this check's report.
     ERR_clear_error();
     if (!cms || !content)
-        return failVerification();
+        return failWith(CmsCheck::Malformed);
     if (!hasOneSigner(cms))
-        return failVerification();
-    bool signatureValid = CMS_is_detached(cms) ? verifyDetached(content, cms, store)
-                                               : verifyAttached(content, cms, store);
-    return signatureValid && verifyRotation(cms);
+        return failWith(CmsCheck::Malformed);
+    CmsCheck signature = CMS_is_detached(cms) ? verifyDetached(content, cms, store)
+                                              : verifyAttached(content, cms, store);
+    return signature == CmsCheck::Passed ? verifyRotation(cms) : signature;
+}
+
+bool verifyCmsContent(BIO* content, CMS_ContentInfo* cms, X509_STORE* store)
+{
+    return checkCmsContent(content, cms, store) == CmsCheck::Passed;
 }
 
 }  // namespace sealkeep

@@ -4,8 +4,6 @@
 //
 // There is no rollback: a replacement cut stays when signing then fails, and
 // an interrupted append leaves a partial block that the scan will not accept.
-#include <map>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,36 +26,6 @@ Group groupOf(X509* certificate)
 {
     sealkeep::MallocPtr text(certificate_get_group(certificate));
     return groupFromString(text.get());
-}
-
-// The groups that may sign next, as GroupFlag bits, given the signatures
-// already present (the first one's group is not examined).
-unsigned allowedNext(std::vector<Cms> const& present)
-{
-    const unsigned developer = static_cast<unsigned>(GroupFlag::Developer);
-    const unsigned seclab = static_cast<unsigned>(GroupFlag::Seclab);
-    const unsigned client = static_cast<unsigned>(GroupFlag::Client);
-    switch (present.size()) {
-    case 0:
-        return developer;
-    case 1:
-        return seclab | client;
-    case 2:
-        return present[1].certificate()->group() == Group::Seclab ? client : 0;
-    default:
-        return 0;
-    }
-}
-
-bool mayTakeNextPosition(Group group, std::vector<Cms> const& present)
-{
-    static const std::map<Group, GroupFlag> flags{
-        {Group::Developer, GroupFlag::Developer},
-        {Group::Seclab, GroupFlag::Seclab},
-        {Group::Client, GroupFlag::Client},
-    };
-    auto flag = flags.find(group);
-    return flag != flags.end() && (allowedNext(present) & static_cast<unsigned>(flag->second)) != 0;
 }
 
 void appendLittleEndian32(std::vector<unsigned char>& out, std::uint32_t value)
@@ -110,7 +78,12 @@ bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsi
     }
     if (locations.size() >= maxSignatures)
         return false;
-    if (!mayTakeNextPosition(group, present))
+    // Only the third position asks who signed below it; asking elsewhere
+    // would print for a block whose CMS does not decode.
+    Group newest = Group::None;
+    if (present.size() == 2 && present.back().certificate())
+        newest = present.back().certificate()->group();
+    if (!mayTakeNextPosition(group, present.size(), newest))
         return false;
 
     // The first signature covers the whole file; a later one the last block's

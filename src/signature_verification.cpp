@@ -59,46 +59,106 @@ std::optional<ByteRange> coveredRange(FILE* file, std::vector<CmsLocation> const
     return std::nullopt;
 }
 
+VerificationReason reasonOf(sealkeep::CmsCheck check)
+{
+    switch (check) {
+    case sealkeep::CmsCheck::Passed:
+        return VerificationReason::Ok;
+    case sealkeep::CmsCheck::Malformed:
+        return VerificationReason::CmsMalformed;
+    case sealkeep::CmsCheck::CertificateChain:
+        return VerificationReason::CertificateChainNotTrusted;
+    case sealkeep::CmsCheck::ContentDigest:
+        return VerificationReason::ContentDigestMismatch;
+    case sealkeep::CmsCheck::RotationInvalid:
+        return VerificationReason::RotationChainInvalid;
+    case sealkeep::CmsCheck::RotationNotAtSigner:
+        return VerificationReason::RotationChainNotAtSigner;
+    }
+    return VerificationReason::CmsMalformed;
+}
+
 }  // namespace
 
-bool groupAllowedAt(std::size_t position, Group group)
+char const* reasonName(VerificationReason reason)
 {
-    switch (position) {
-    case 0:
-        return group == Group::Developer;
-    case 1:
-        return group == Group::Seclab || group == Group::Client;
-    case 2:
-        return group == Group::Client;
-    default:
-        return false;
+    switch (reason) {
+    case VerificationReason::Ok:
+        return "ok";
+    case VerificationReason::UnreadableCa:
+        return "unreadable_ca";
+    case VerificationReason::NoSignatures:
+        return "no_signatures";
+    case VerificationReason::TooManySignatures:
+        return "too_many_signatures";
+    case VerificationReason::GroupNotAllowed:
+        return "group_not_allowed";
+    case VerificationReason::ContentDigestMismatch:
+        return "content_digest_mismatch";
+    case VerificationReason::CertificateChainNotTrusted:
+        return "certificate_chain_not_trusted";
+    case VerificationReason::RotationChainInvalid:
+        return "rotation_chain_invalid";
+    case VerificationReason::RotationChainNotAtSigner:
+        return "rotation_chain_not_at_signer";
+    case VerificationReason::CmsMalformed:
+        return "cms_malformed";
     }
+    return "unknown";
 }
 
 bool FileWithCmses::verifyCmses(char const* caPath)
 {
+    return verificationReport(caPath).verified;
+}
+
+// The one walk behind verifyCmses and the report: newest block first, each
+// over its covered bytes, then its signer's position; the first refusal ends it.
+VerificationReport FileWithCmses::verificationReport(char const* caPath)
+{
+    VerificationReport report;
+    auto refuse = [&report](VerificationReason reason) {
+        report.reason = reason;
+        if (!report.blocks.empty())
+            report.blocks.back().reason = reason;
+        return report;
+    };
     sealkeep::X509StorePtr store(certificate_store_read(caPath));
     if (!store)
-        return false;
+        return refuse(VerificationReason::UnreadableCa);
     auto locations = locateCmses(file_);
-    if (locations.empty() || locations.size() > maxSignatures)
-        return false;
+    report.signatures = locations.size();
+    if (locations.empty())
+        return refuse(VerificationReason::NoSignatures);
+    if (locations.size() > maxSignatures)
+        return refuse(VerificationReason::TooManySignatures);
 
     for (std::size_t i = locations.size(); i-- > 0;) {
         auto range = coveredRange(file_, locations, i);
+        BlockVerification block;
+        block.index = i;
+        block.coveredBegin = range ? range->begin : 0;
+        block.coveredEnd = range ? range->end : 0;
+        report.blocks.push_back(block);
         if (!range)
-            return false;
+            return refuse(VerificationReason::CmsMalformed);
         Cms cms(readFileRangeWithin(file_, locations[i].begin, locations[i].end));
         CMS_ContentInfo* parsed = cms.parsed();
         if (!parsed)
-            return false;
+            return refuse(VerificationReason::CmsMalformed);
         sealkeep::BioPtr covered(sealkeep::bioOverFileRange(fd(), range->begin, range->end));
-        if (!sealkeep::verifyCmsContent(covered.get(), parsed, store.get()))
-            return false;
-        if (!groupAllowedAt(i, cms.certificate()->group()))
-            return false;
+        sealkeep::CmsCheck check = sealkeep::checkCmsContent(covered.get(), parsed, store.get());
+        if (check != sealkeep::CmsCheck::Passed)
+            return refuse(reasonOf(check));
+        // Asked only now: the readers print when a CMS has no single signer,
+        // and a refused block must print what verifyCmses always printed.
+        auto certificate = cms.certificate();
+        report.blocks.back().group = certificate ? certificate->group() : Group::None;
+        if (!groupAllowedAt(i, report.blocks.back().group))
+            return refuse(VerificationReason::GroupNotAllowed);
     }
-    return true;
+    report.verified = true;
+    return report;
 }
 
 }  // namespace PackageSignatures

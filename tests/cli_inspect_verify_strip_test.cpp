@@ -157,11 +157,23 @@ TEST_F(CliPackages, VerifyJsonHasOneObjectPerPackage)
     EXPECT_EQ(result.exitCode, 1);
     json verdicts = json::parse(result.output);
     ASSERT_EQ(verdicts["packages"].size(), 2u);
-    EXPECT_EQ(verdicts["packages"][0],
-              json({{"path", good}, {"verified", true}, {"signatures", 3}, {"blocks", json::array()}}));
+    json const& verified = verdicts["packages"][0];
+    EXPECT_EQ(verified["path"], good);
+    EXPECT_EQ(verified["verified"], true);
+    EXPECT_EQ(verified["signatures"], 3);
+    EXPECT_EQ(verified["reason"], "ok");
+    ASSERT_EQ(verified["blocks"].size(), 3u);
+    char const* groups[] = {"client", "seclab", "developer"};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(verified["blocks"][i]["index"], 3 - i);
+        EXPECT_EQ(verified["blocks"][i]["group"], groups[i]);
+        EXPECT_EQ(verified["blocks"][i]["reason"], "ok");
+    }
+    EXPECT_EQ(verified["blocks"][2]["covered"], json({{"begin", 0}, {"end", fileSize(rpmTemplate)}}));
     EXPECT_EQ(verdicts["packages"][1], json({{"path", unsignedPackage},
                                              {"verified", false},
                                              {"signatures", 0},
+                                             {"reason", "no_signatures"},
                                              {"blocks", json::array()},
                                              {"error", "no signatures"}}));
     EXPECT_EQ(result.errors, "sealkeep: " + unsignedPackage + ": no signatures\n");
@@ -174,7 +186,9 @@ TEST_F(CliPackages, VerifyCatchesAFlippedByte)
     auto result = run({"verify", package, "--ca", pki->ca().certPath});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.output, package + ": refused\n");
-    std::string line = "sealkeep: " + package + ": the signatures do not verify against " + pki->ca().certPath + "\n";
+    std::string line = "sealkeep: " + package + ": block 1 of 3 (covers bytes [0, " +
+                       std::to_string(fileSize(rpmTemplate)) +
+                       ")): the covered bytes do not match the signature (content digest)\n";
     ASSERT_GE(result.errors.size(), line.size());
     EXPECT_EQ(result.errors.substr(result.errors.size() - line.size()), line) << result.errors;
 }

@@ -84,7 +84,9 @@ TEST(ExportedSymbols, TheClassInterfaceIsExported)
           "std::vector<PackageSignatures::Cms, std::allocator<PackageSignatures::Cms> > const&, bool)",
           "PackageSignatures::Database::insertPackage(std::basic_string_view<char, std::char_traits<char> >, "
           "std::vector<PackageSignatures::Cms, std::allocator<PackageSignatures::Cms> > const&)",
-          "PackageSignatures::Certificate::isSystemDeveloperCertificate() const"})
+          "PackageSignatures::Certificate::isSystemDeveloperCertificate() const",
+          "PackageSignatures::FileWithCmses::verificationReport(char const*)",
+          "PackageSignatures::reasonName(PackageSignatures::VerificationReason)"})
         EXPECT_TRUE(symbols.count(expected)) << expected;
 }
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "common/ossl_ptr.hpp"
+#include "owned.hpp"
 
 namespace sealkeep::cli {
 

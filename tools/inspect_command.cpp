@@ -20,7 +20,7 @@
 
 #include "block_layout.hpp"
 #include "cli.hpp"
-#include "common/ossl_ptr.hpp"
+#include "owned.hpp"
 #include "package_files.hpp"
 #include "signature_records.hpp"
 

@@ -10,7 +10,7 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
-#include "common/ossl_ptr.hpp"
+#include "owned.hpp"
 
 namespace sealkeep::cli {
 namespace {

@@ -21,8 +21,61 @@ struct VerifyOptions {
     bool json = false;
 };
 
-// The verdict on one package. "blocks" stays empty until the library reports
-// per block why a stack was refused.
+using PackageSignatures::BlockVerification;
+using PackageSignatures::VerificationReason;
+using PackageSignatures::VerificationReport;
+
+// What a person reads for each reason; the JSON carries the reason's name.
+std::string explain(VerificationReason reason)
+{
+    switch (reason) {
+    case VerificationReason::Ok:
+        return "verified";
+    case VerificationReason::UnreadableCa:
+        return "no CA certificate could be read";
+    case VerificationReason::NoSignatures:
+        return "no signatures";
+    case VerificationReason::TooManySignatures:
+        return "too many signatures (at most 3)";
+    case VerificationReason::GroupNotAllowed:
+        return "the signer's group may not sign at this position";
+    case VerificationReason::ContentDigestMismatch:
+        return "the covered bytes do not match the signature (content digest)";
+    case VerificationReason::CertificateChainNotTrusted:
+        return "the signer's certificate does not chain to the CA";
+    case VerificationReason::RotationChainInvalid:
+        return "the rotation chain does not verify";
+    case VerificationReason::RotationChainNotAtSigner:
+        return "the rotation chain does not end at the signer's key";
+    case VerificationReason::CmsMalformed:
+        return "the CMS is malformed (undecodable, not exactly one signer, or unknown block version)";
+    }
+    return PackageSignatures::reasonName(reason);
+}
+
+// Blocks are numbered from 1, oldest first, as inspect numbers them.
+nlohmann::json blockJson(BlockVerification const& block)
+{
+    std::string group = PackageSignatures::groupToString(block.group);
+    return {{"index", block.index + 1},
+            {"group", group.empty() ? nlohmann::json() : nlohmann::json(group)},
+            {"covered", {{"begin", block.coveredBegin}, {"end", block.coveredEnd}}},
+            {"reason", PackageSignatures::reasonName(block.reason)}};
+}
+
+// "block 1 of 3 (developer, covers bytes [0, 4096)): the rotation chain ..."
+std::string refusal(VerificationReport const& report)
+{
+    if (report.blocks.empty())
+        return explain(report.reason);
+    BlockVerification const& block = report.blocks.back();
+    std::string group = PackageSignatures::groupToString(block.group);
+    return "block " + std::to_string(block.index + 1) + " of " + std::to_string(report.signatures) + " (" +
+           (group.empty() ? "" : group + ", ") + "covers bytes [" + std::to_string(block.coveredBegin) + ", " +
+           std::to_string(block.coveredEnd) + ")): " + explain(block.reason);
+}
+
+// The verdict on one package, with the blocks checked, newest first.
 nlohmann::json verifyPackage(std::string const& path, std::string const& ca)
 {
     nlohmann::json result = {{"path", path}, {"verified", false}, {"blocks", nlohmann::json::array()}};
@@ -31,11 +84,14 @@ nlohmann::json verifyPackage(std::string const& path, std::string const& ca)
         result["error"] = "cannot open: " + systemReason();
         return result;
     }
-    std::size_t count = file->cmses().size();
-    result["signatures"] = count;
-    result["verified"] = file->verifyCmses(ca.c_str());
-    if (!result["verified"])
-        result["error"] = count == 0 ? "no signatures" : "the signatures do not verify against " + ca;
+    VerificationReport report = file->verificationReport(ca.c_str());
+    result["verified"] = report.verified;
+    result["signatures"] = report.signatures;
+    result["reason"] = PackageSignatures::reasonName(report.reason);
+    for (BlockVerification const& block : report.blocks)
+        result["blocks"].push_back(blockJson(block));
+    if (!report.verified)
+        result["error"] = refusal(report);
     return result;
 }
 

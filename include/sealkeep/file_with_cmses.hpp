@@ -22,6 +22,7 @@
 
 #include <sealkeep/cms.hpp>
 #include <sealkeep/export.hpp>
+#include <sealkeep/verification_report.hpp>
 
 struct x509_st;
 struct evp_pkey_st;
@@ -85,6 +86,9 @@ public:
     // The covered bytes are streamed from the file: memory stays bounded and
     // no temporary file is made, whatever the size of the package.
     bool verifyCmses(char const* caPath);
+    // The same checks with the same messages on stderr, answering which block
+    // (position, group, covered bytes) was refused and by which check.
+    VerificationReport verificationReport(char const* caPath);
 
 private:
     FILE* file_;

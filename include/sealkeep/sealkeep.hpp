@@ -12,5 +12,6 @@
 #include <sealkeep/file_with_cmses.hpp>
 #include <sealkeep/groups.hpp>
 #include <sealkeep/rotation.hpp>
+#include <sealkeep/verification_report.hpp>
 
 #endif

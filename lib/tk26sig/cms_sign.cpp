@@ -16,6 +16,7 @@
 #include "common/digests.hpp"
 #include "common/objects.hpp"
 #include "common/ossl_ptr.hpp"
+#include "common/rotation_end.hpp"
 #include "tk26sig/payload_walk.hpp"
 
 namespace sealkeep {
@@ -149,11 +150,6 @@ bool addPayloadSignatures(CMS_SignerInfo* signer, int fd, const EVP_MD* md, X509
                              "Could create ta file signatures X.509 attribute\n");
 }
 
-char* keyidOf(X509* cert)
-{
-    return cert ? certificate_get_keyid(cert) : nullptr;
-}
-
 bool addRotationChain(CMS_SignerInfo* signer, X509* cert, ProofOfRotationChain* chain)
 {
     if (!rotationChainEndsAt(chain, cert))
@@ -209,17 +205,15 @@ unsigned char* encodeIntoGlibBuffer(CMS_ContentInfo* cms, std::size_t* outLength
 
 bool rotationChainEndsAt(ProofOfRotationChain* chain, X509* cert)
 {
-    int count = ProofOfRotationChain_count(chain);
-    if (count < 1) {
+    switch (rotationChainEnd(chain, cert)) {
+    case RotationEnd::NoRotations:
         fprintf(stderr, "Proof-of-rotation chain is malformed, no rotations found\n");
         return false;
-    }
-    ProofOfRotation* newest = ProofOfRotationChain_get0_at(chain, static_cast<unsigned>(count - 1));
-    MallocPtr newestKeyid(keyidOf(ProofOfRotation_get0_new_cert(newest)));
-    MallocPtr signerKeyid(keyidOf(cert));
-    if (g_strcmp0(newestKeyid.get(), signerKeyid.get()) != 0) {
+    case RotationEnd::Elsewhere:
         fprintf(stderr, "Last keyid in rotation chain does not match with certificate's keyid\n");
         return false;
+    case RotationEnd::AtSigner:
+        break;
     }
     return true;
 }
