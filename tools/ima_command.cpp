@@ -23,7 +23,7 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
-#include "common/ossl_ptr.hpp"
+#include "owned.hpp"
 #include "package_files.hpp"
 
 namespace sealkeep::cli {
