@@ -158,7 +158,7 @@ bool reportBusy(int result)
 StatementPtr prepareOnce(sqlite3* db, const char* sql)
 {
     sqlite3_stmt* statement = nullptr;
-    sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
+    reportBusy(sqlite3_prepare_v2(db, sql, -1, &statement, nullptr));
     return StatementPtr(statement);
 }
 
@@ -192,9 +192,11 @@ Database::Record::~Record()
 sqlite3_stmt* Database::cachedStatement(int key, std::string_view sql)
 {
     sqlite3_stmt*& statement = record_->statements[key];
+    // Preparing reads the schema from the file the first time, so a file that
+    // another process keeps locked fails it; that is reported like any read.
     if (!statement)
-        sqlite3_prepare_v2(record_->db, sql.data(), static_cast<int>(sql.size()), &statement,
-                           nullptr);
+        reportBusy(sqlite3_prepare_v2(record_->db, sql.data(), static_cast<int>(sql.size()),
+                                      &statement, nullptr));
     return statement;
 }
 

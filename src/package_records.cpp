@@ -73,7 +73,7 @@ Certificate columnCertificate(sqlite3_stmt* statement, int column, DecodedCertif
 std::vector<Certificate> stepCertificates(sqlite3_stmt* statement, DecodedCertificates& decoded)
 {
     std::vector<Certificate> found;
-    while (sqlite3_step(statement) == SQLITE_ROW)
+    while (step(statement) == SQLITE_ROW)
         found.push_back(columnCertificate(statement, 0, decoded));
     return found;
 }
@@ -84,7 +84,7 @@ sqlite3_int64 findOrInsertName(sqlite3_stmt* select, sqlite3_stmt* insert, std::
 {
     {
         StatementUse lookup(select);
-        if (bindText(select, 1, name) == SQLITE_OK && sqlite3_step(select) == SQLITE_ROW)
+        if (bindText(select, 1, name) == SQLITE_OK && step(select) == SQLITE_ROW)
             return sqlite3_column_int(select, 0);
     }
     StatementUse addition(insert);
@@ -114,7 +114,7 @@ sqlite3_int64 Database::insertCertificate(Certificate const& certificate)
     const std::vector<unsigned char> der = certificate.toDer();
     {
         StatementUse select(cachedStatement(StatementKeys::SelectCertificate, selectCertificateSql));
-        if (bindDer(select.get(), 1, der) == SQLITE_OK && sqlite3_step(select.get()) == SQLITE_ROW)
+        if (bindDer(select.get(), 1, der) == SQLITE_OK && step(select.get()) == SQLITE_ROW)
             return sqlite3_column_int64(select.get(), 0);
     }
     const std::string keyId = certificate.keyId();
@@ -178,7 +178,7 @@ bool Database::packageExists(std::string_view package)
 {
     StatementUse select(cachedStatement(StatementKeys::PackageExists, packageExistsSql));
     return bindText(select.get(), 1, package) == SQLITE_OK &&
-           sqlite3_step(select.get()) == SQLITE_ROW;
+           step(select.get()) == SQLITE_ROW;
 }
 
 std::vector<std::string> Database::packages()
@@ -186,7 +186,7 @@ std::vector<std::string> Database::packages()
     StatementPtr select = prepareOnce(record_->db, "SELECT DISTINCT id FROM packages");
     std::vector<std::string> names;
     names.reserve(1024);
-    while (sqlite3_step(select.get()) == SQLITE_ROW)
+    while (step(select.get()) == SQLITE_ROW)
         names.push_back(columnText(select.get(), 0));
     return names;
 }
@@ -197,7 +197,7 @@ bool Database::hasCertificatesWithGroup(Group group)
     StatementUse select(
         cachedStatement(StatementKeys::HasCertificatesWithGroup, hasCertificatesWithGroupSql));
     return bindText(select.get(), 1, name) == SQLITE_OK &&
-           sqlite3_step(select.get()) == SQLITE_ROW;
+           step(select.get()) == SQLITE_ROW;
 }
 
 int Database::certificateReferences(Certificate const& certificate)
@@ -205,7 +205,7 @@ int Database::certificateReferences(Certificate const& certificate)
     const std::vector<unsigned char> der = certificate.toDer();
     StatementUse count(
         cachedStatement(StatementKeys::CertificateReferences, certificateReferencesSql));
-    if (bindDer(count.get(), 1, der) != SQLITE_OK || sqlite3_step(count.get()) != SQLITE_ROW)
+    if (bindDer(count.get(), 1, der) != SQLITE_OK || step(count.get()) != SQLITE_ROW)
         return 0;
     return sqlite3_column_int(count.get(), 0);
 }
@@ -217,7 +217,7 @@ bool Database::packageHasCertificateWithGroup(std::string_view package, Group gr
                                         packageHasCertificateWithGroupSql));
     return bindText(select.get(), 1, package) == SQLITE_OK &&
            bindText(select.get(), 2, name) == SQLITE_OK &&
-           sqlite3_step(select.get()) == SQLITE_ROW;
+           step(select.get()) == SQLITE_ROW;
 }
 
 std::optional<Certificate> Database::packageCertificateWithGroup(std::string_view package,
@@ -227,7 +227,7 @@ std::optional<Certificate> Database::packageCertificateWithGroup(std::string_vie
     StatementUse select(cachedStatement(StatementKeys::PackageCertificateWithGroup,
                                         packageCertificateWithGroupSql));
     if (bindText(select.get(), 1, package) != SQLITE_OK ||
-        bindText(select.get(), 2, name) != SQLITE_OK || sqlite3_step(select.get()) != SQLITE_ROW)
+        bindText(select.get(), 2, name) != SQLITE_OK || step(select.get()) != SQLITE_ROW)
         return std::nullopt;
     return columnCertificate(select.get(), 0, record_->decodedCertificates);
 }
@@ -255,7 +255,7 @@ std::vector<Certificate> Database::packageCertificates(std::string_view package)
     // Row ids are decoded once per object and never forgotten: a row deleted
     // and its id reused by SQLite would still be served from the cache.
     auto& cache = record_->certificateCache;
-    while (sqlite3_step(select.get()) == SQLITE_ROW) {
+    while (step(select.get()) == SQLITE_ROW) {
         const int id = sqlite3_column_int(select.get(), 0);
         auto cached = cache.find(id);
         if (cached == cache.end())

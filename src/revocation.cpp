@@ -70,6 +70,10 @@ int Database::getKeyidRevocationStatus(std::string_view keyid)
     StatementUse statement(
         cachedStatement(StatementKeys::KeyidRevocationStatus, revocationStatusSql));
     sqlite3_stmt* s = statement.get();
+    // A statement that could not be prepared because another process kept
+    // the file locked has read nothing either (see below).
+    if (!s)
+        return (sqlite3_errcode(record_->db) & 0xff) == SQLITE_BUSY ? Blacklisted : NotRevoked;
     if (bindText(s, 1, keyid) != SQLITE_OK)
         return NotRevoked;
     const int result = step(s);

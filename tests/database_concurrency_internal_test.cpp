@@ -241,6 +241,66 @@ TEST_F(BusyDatabase, RevocationThatCannotBeReadRefusesTheKey)
     EXPECT_EQ(Database::Blacklisted, database->getKeyidRevocationStatus(keyid));
 }
 
+// A connection opened while another process held the file has not read the
+// schema yet, so its statements cannot even be prepared until the lock is
+// gone: that too is a status it could not read, not a clean key.
+TEST_F(BusyDatabase, ConnectionOpenedWhileLockedStillRefusesABlacklistedKey)
+{
+    files.writeRevocation({}, {});
+    Pki pki;
+    const Identity developer = pki.issue("busy developer", "developer");
+    const std::vector<PackageSignatures::Cms> cmses{signedCms(developer)};
+    const std::string keyid = cmses.front().certificate()->keyId();
+    ASSERT_TRUE(openDatabase(files)->insertRevokedKeyid(keyid, Database::Blacklisted));
+
+    std::unique_ptr<Database> database;
+    int decision = PackageSignatures::Accepted;
+    int status = Database::NotRevoked;
+    std::string printed;
+    {
+        LockHolder writer(files.databasePath(), writeTransaction, holdMs);
+        printed = stderrOf([&] {
+            database = openDatabase(files);
+            decision = database->checkPackage("p", cmses, false);
+            status = database->getKeyidRevocationStatus(keyid);
+        });
+        EXPECT_TRUE(writer.finish());
+    }
+    EXPECT_EQ(PackageSignatures::KeyBlacklisted, decision);
+    EXPECT_EQ(Database::Blacklisted, status);
+    const std::string line = std::string(busyLine) + "\n";
+    EXPECT_EQ(line + line + line, printed);
+
+    EXPECT_EQ(PackageSignatures::KeyBlacklisted, database->checkPackage("p", cmses, false));
+    EXPECT_EQ(Database::NotRevoked, database->getKeyidRevocationStatus("unknown"));
+}
+
+// Reads of the package records that find the file locked say so, as the
+// revocation reads do, instead of answering with a silently shorter list.
+TEST_F(BusyDatabase, RecordReadsBlockedByAWriterReportBusy)
+{
+    files.writeRevocation({}, {});
+    auto database = openDatabase(files);
+    std::size_t found = 1;
+    bool exists = true;
+    std::string printed;
+    {
+        // Five reads wait in turn, so the lock is held for longer than usual.
+        LockHolder writer(files.databasePath(), writeTransaction, 3 * holdMs);
+        printed = stderrOf([&] {
+            found = database->packages().size() + database->certificates().size() +
+                    database->activeCertificates().size() +
+                    database->packageCertificates("p").size();
+            exists = database->packageExists("p");
+        });
+        EXPECT_TRUE(writer.finish());
+    }
+    EXPECT_EQ(0u, found);
+    EXPECT_FALSE(exists);
+    const std::string line = std::string(busyLine) + "\n";
+    EXPECT_EQ(line + line + line + line + line, printed);
+}
+
 // What one contending writer did: the key ids it was told were written (and
 // with which type) or removed, how many calls returned false, and what it
 // printed.
