@@ -59,13 +59,42 @@ std::vector<Cms> FileWithCmses::cmses() const
     return readCmses(file_, locateCmses(file_));
 }
 
+std::vector<BlockLocation> FileWithCmses::blockLocations() const
+{
+    auto locations = locateCmses(file_);
+    std::vector<BlockLocation> blocks;
+    blocks.reserve(locations.size());
+    for (std::size_t i = 0; i < locations.size(); ++i) {
+        BlockLocation block;
+        block.version = locations[i].header.version;
+        block.start = cutOffsetOf(locations[i]);
+        block.begin = locations[i].begin;
+        block.end = locations[i].end;
+        if (auto range = coveredRange(file_, locations, i)) {
+            block.covered = true;
+            block.coveredBegin = range->begin;
+            block.coveredEnd = range->end;
+        }
+        blocks.push_back(block);
+    }
+    return blocks;
+}
+
 bool FileWithCmses::deleteCmses(bool onlyLast)
 {
     auto locations = locateCmses(file_);
     if (locations.empty())
         return true;
-    CmsLocation const& chosen = onlyLast ? locations.back() : locations.front();
-    return ftruncate(fd(), cutOffsetOf(chosen)) == 0;
+    if (onlyLast)
+        return ftruncate(fd(), cutOffsetOf(locations.back())) == 0;
+    // Every block goes, also those in front of the newest few that
+    // locateCmses collects.
+    long cut = 0;
+    scanBlocks(file_, [&cut](CmsLocation const& location) {
+        cut = cutOffsetOf(location);
+        return true;
+    });
+    return ftruncate(fd(), cut) == 0;
 }
 
 }  // namespace PackageSignatures

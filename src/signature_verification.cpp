@@ -11,8 +11,6 @@
 // The covered bytes are streamed from the file with pread into the checks:
 // nothing is mapped or copied, so a package of any size verifies in a few
 // kilobytes of buffers, and a file cut short meanwhile fails cleanly.
-#include <optional>
-
 #include <sealkeep/file_with_cmses.hpp>
 #include <sealkeep/sealkeep.h>
 
@@ -25,39 +23,6 @@
 namespace PackageSignatures {
 
 namespace {
-
-struct ByteRange {
-    std::int64_t begin;
-    std::int64_t end;
-};
-
-// Where the covered bytes of block i end: before its frame prefix when the
-// four bytes 8 before its CMS are the skippable-frame magic.
-std::optional<std::int64_t> coveredEnd(FILE* file, CmsLocation const& loc)
-{
-    // No frame prefix fits in front of a block this close to the start (a
-    // version-2 signature of a tiny file), and the test would read before
-    // the start of the file.
-    if (loc.begin < frameHeaderSize)
-        return loc.begin;
-    static const std::vector<unsigned char> frameMagic{0x50, 0x2A, 0x4D, 0x18};
-    auto bytes = readFileRangeWithin(file, loc.begin - frameHeaderSize, loc.begin - frameHeaderSize + 4);
-    if (bytes.empty() || bytes == frameMagic)
-        return loc.begin - frameHeaderSize;
-    return loc.begin;
-}
-
-std::optional<ByteRange> coveredRange(FILE* file, std::vector<CmsLocation> const& locations, std::size_t i)
-{
-    auto end = coveredEnd(file, locations[i]);
-    if (!end)
-        return std::nullopt;
-    if (i == 0 || locations[i].header.version == 1)
-        return ByteRange{0, *end};
-    if (locations[i].header.version == 2 || locations[i].header.version == 3)
-        return ByteRange{locations[i - 1].begin, *end};
-    return std::nullopt;
-}
 
 VerificationReason reasonOf(sealkeep::CmsCheck check)
 {

@@ -2,6 +2,7 @@
 #include "signed_file_layout.hpp"
 
 #include <algorithm>
+#include <array>
 
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -41,23 +42,10 @@ ReadOnlyMapping::~ReadOnlyMapping()
 std::vector<CmsLocation> locateCmses(FILE* file)
 {
     std::vector<CmsLocation> found;
-    std::int64_t remaining = sizeOf(file);
-    while (found.size() < maxScannedBlocks && remaining >= static_cast<std::int64_t>(CmsHeader().size())) {
-        const auto headerSize = static_cast<std::int64_t>(CmsHeader().size());
-        auto bytes = readFileRangeWithin(file, remaining - headerSize, remaining);
-        auto header = CmsHeader::read(bytes.data(), static_cast<long>(bytes.size()));
-        if (!header)
-            break;
-        // A legacy header stores 64 bits, so a hostile length can be negative
-        // or overflow the sum: both end the scan like any length that does not
-        // fit in front of its header, and so does one beyond the limit.
-        if (header->length < 0 || header->length > maxCmsLength || remaining - headerSize < header->length)
-            break;
-        remaining -= headerSize + header->length;
-        found.push_back(CmsLocation{remaining, remaining + header->length, *header});
-        if (remaining >= frameHeaderSize && header->version == 3)
-            remaining -= frameHeaderSize;
-    }
+    scanBlocks(file, [&found](CmsLocation const& location) {
+        found.push_back(location);
+        return found.size() < maxScannedBlocks;
+    });
     std::reverse(found.begin(), found.end());
     return found;
 }
@@ -91,6 +79,30 @@ std::vector<unsigned char> readRange(FILE* file, std::int64_t begin, std::int64_
 
 }  // namespace
 
+void scanBlocks(FILE* file, std::function<bool(CmsLocation const&)> const& visit)
+{
+    const auto headerSize = static_cast<std::int64_t>(CmsHeader().size());
+    std::int64_t remaining = sizeOf(file);
+    std::array<unsigned char, 12> bytes{};
+    while (remaining >= headerSize) {
+        if (!preadAll(fileno(file), bytes.data(), bytes.size(), remaining - headerSize, true))
+            break;
+        auto header = CmsHeader::read(bytes.data(), static_cast<long>(bytes.size()));
+        if (!header)
+            break;
+        // A legacy header stores 64 bits, so a hostile length can be negative
+        // or overflow the sum: both end the scan like any length that does not
+        // fit in front of its header, and so does one beyond the limit.
+        if (header->length < 0 || header->length > maxCmsLength || remaining - headerSize < header->length)
+            break;
+        remaining -= headerSize + header->length;
+        if (!visit(CmsLocation{remaining, remaining + header->length, *header}))
+            break;
+        if (remaining >= frameHeaderSize && header->version == 3)
+            remaining -= frameHeaderSize;
+    }
+}
+
 std::vector<unsigned char> readFileRange(FILE* file, long begin, long end)
 {
     return readRange(file, begin, end, false);
@@ -108,6 +120,40 @@ std::vector<Cms> readCmses(FILE* file, std::vector<CmsLocation> const& locations
     for (auto const& loc : locations)
         cmses.emplace_back(readFileRangeWithin(file, loc.begin, loc.end));
     return cmses;
+}
+
+namespace {
+
+// Where the covered bytes of a block end: before its frame prefix when the
+// four bytes 8 before its CMS are the skippable-frame magic.
+std::int64_t coveredEnd(FILE* file, CmsLocation const& loc)
+{
+    // No frame prefix fits in front of a block this close to the start (a
+    // version-2 signature of a tiny file), and the test would read before
+    // the start of the file.
+    if (loc.begin < frameHeaderSize)
+        return loc.begin;
+    auto bytes = readFileRangeWithin(file, loc.begin - frameHeaderSize, loc.begin - frameHeaderSize + 4);
+    if (bytes.empty())
+        return loc.begin - frameHeaderSize;
+    const std::uint32_t magic = static_cast<std::uint32_t>(bytes[0]) |
+                                static_cast<std::uint32_t>(bytes[1]) << 8 |
+                                static_cast<std::uint32_t>(bytes[2]) << 16 |
+                                static_cast<std::uint32_t>(bytes[3]) << 24;
+    return magic == CmsHeader::skippableFrameMagic ? loc.begin - frameHeaderSize : loc.begin;
+}
+
+}  // namespace
+
+std::optional<ByteRange> coveredRange(FILE* file, std::vector<CmsLocation> const& locations,
+                                      std::size_t i)
+{
+    const std::int64_t end = coveredEnd(file, locations[i]);
+    if (i == 0 || locations[i].header.version == 1)
+        return ByteRange{0, end};
+    if (locations[i].header.version == 2 || locations[i].header.version == 3)
+        return ByteRange{locations[i - 1].begin, end};
+    return std::nullopt;
 }
 
 long cutOffsetOf(CmsLocation const& loc)

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
+#include <optional>
 #include <vector>
 
 #include <sealkeep/file_with_cmses.hpp>
@@ -60,6 +62,11 @@ private:
 // with pread, so a file truncated meanwhile just ends the scan.
 std::vector<CmsLocation> locateCmses(FILE* file);
 
+// The backward scan itself, unbounded in count: visit is called with each
+// block, newest first, until it returns false or no further block fits in
+// front. Reads 12 bytes per block and keeps nothing.
+void scanBlocks(FILE* file, std::function<bool(CmsLocation const&)> const& visit);
+
 // The bytes [begin, end) of the file, read with pread in pieces of at most
 // 8192 bytes; empty when the stream is null, the range is empty or a read
 // fails. A range reaching past the end of the file never completes: callers
@@ -73,6 +80,20 @@ std::vector<unsigned char> readFileRangeWithin(FILE* file, std::int64_t begin, s
 // The CMS bytes of each block, one Cms per location in the same order; a
 // block that cannot be read becomes an empty Cms.
 std::vector<Cms> readCmses(FILE* file, std::vector<CmsLocation> const& locations);
+
+// The bytes [begin, end) of the file that a signature covers.
+struct ByteRange {
+    std::int64_t begin;
+    std::int64_t end;
+};
+
+// What block i of locations signs. The first block covers the package, and
+// so does a later legacy block; a later version-2 or version-3 block covers
+// the previous block's CMS and header. A block's own frame prefix is never
+// covered: it is recognised by the skippable-frame magic 8 bytes in front of
+// the CMS. Empty for a later block of any other version.
+std::optional<ByteRange> coveredRange(FILE* file, std::vector<CmsLocation> const& locations,
+                                      std::size_t i);
 
 // Where a cut removes the block at loc, together with its frame prefix when
 // the block is version 3.

@@ -50,6 +50,21 @@ struct SEALKEEP_EXPORT CmsHeader {
     std::vector<unsigned char> serialize() const;
 };
 
+// Where one signature block lies in the file and which bytes it signs.
+struct SEALKEEP_EXPORT BlockLocation {
+    std::uint32_t version = 0;      // as stored in its CmsHeader (1 for the legacy form)
+    std::int64_t start = 0;         // first byte of the block, frame prefix included
+    std::int64_t begin = 0;         // first byte of the CMS
+    std::int64_t end = 0;           // one past the CMS, where its 12-byte header starts
+    // The signed bytes [coveredBegin, coveredEnd): the package for the first
+    // block and for a later legacy block, else the previous block's CMS and
+    // header. covered is false (and both are 0) for a later block of a
+    // version that tells no range.
+    bool covered = false;
+    std::int64_t coveredBegin = 0;
+    std::int64_t coveredEnd = 0;
+};
+
 class SEALKEEP_EXPORT FileWithCmses {
 public:
     // Takes ownership of file.
@@ -65,11 +80,18 @@ public:
     static std::unique_ptr<FileWithCmses> fromPath(std::string const& path);
 
     int fd();
-    // True when the file begins with the RPM lead magic ED AB EE DB.
+    // True when the file begins with the RPM lead magic ED AB EE DB. On a file
+    // shorter than four bytes it does not return (the read waits for the
+    // missing bytes): look at the size first.
     bool isRpmPackage();
     // One Cms per block found by the bounded scan, in file order.
     std::vector<Cms> cmses() const;
-    // Truncates away the newest block (onlyLast) or every block.
+    // Where the blocks that cmses() lists lie, in the same order, from the
+    // same bounded scan; reads only the headers (and the four bytes in front
+    // of each CMS that tell a frame prefix).
+    std::vector<BlockLocation> blockLocations() const;
+    // Truncates away the newest block (onlyLast) or every block, also those in
+    // front of the newest four that one scan collects.
     bool deleteCmses(bool onlyLast);
 
     // Appends one signature block signed by certificate/key. The signer's group
