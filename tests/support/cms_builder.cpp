@@ -50,13 +50,18 @@ void addSigner(CMS_ContentInfo* cms, CmsRecipe const& recipe, CmsSigner const& s
 
 // Digests the content and signs. OpenSSL refuses to finalise a SignedData
 // without signers, which is then encoded as it stands.
+void finalise(CMS_ContentInfo* cms, CmsRecipe const& recipe, BIO* content)
+{
+    require(content != nullptr, "cannot read content");
+    require(CMS_final(cms, content, nullptr, flagsFor(recipe)) == 1, "cannot finalise");
+}
+
 void finalise(CMS_ContentInfo* cms, CmsRecipe const& recipe)
 {
     static const unsigned char nothing = 0;
     BioPtr content(BIO_new_mem_buf(recipe.content.empty() ? &nothing : recipe.content.data(),
                                    static_cast<int>(recipe.content.size())));
-    require(content != nullptr, "cannot wrap content");
-    require(CMS_final(cms, content.get(), nullptr, flagsFor(recipe)) == 1, "cannot finalise");
+    finalise(cms, recipe, content.get());
 }
 
 Bytes encode(CMS_ContentInfo* cms)
@@ -124,6 +129,19 @@ Bytes attachedCms(Bytes const& content, CmsSigner const& signer)
     recipe.signers = {signer};
     recipe.attached = true;
     return buildCms(recipe);
+}
+
+Bytes detachedCmsOverFile(std::string const& path, CmsSigner const& signer)
+{
+    CmsRecipe recipe;
+    recipe.signers = {signer};
+    CmsPtr cms(CMS_ContentInfo_new());
+    require(cms && CMS_SignedData_init(cms.get()) == 1, "cannot make SignedData");
+    require(CMS_set_detached(cms.get(), 1) == 1, "cannot set detached");
+    addSigner(cms.get(), recipe, signer);
+    BioPtr content(BIO_new_file(path.c_str(), "rb"));
+    finalise(cms.get(), recipe, content.get());
+    return encode(cms.get());
 }
 
 Bytes undecodableSequence()

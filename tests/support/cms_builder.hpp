@@ -75,6 +75,10 @@ Bytes cmsWithAttribute(Bytes const& content, CmsSigner const& signer, CmsAttribu
 // An attached signature by signer whose encapsulated content is content.
 Bytes attachedCms(Bytes const& content, CmsSigner const& signer);
 
+// A detached signature by signer over the whole file at path, whose bytes are
+// streamed into the digest (a file of any size).
+Bytes detachedCmsOverFile(std::string const& path, CmsSigner const& signer);
+
 // DER of SEQUENCE { INTEGER 1 }: well-formed, and no structure of the library.
 Bytes undecodableSequence();
 
