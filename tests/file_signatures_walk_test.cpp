@@ -3,6 +3,7 @@
 // 256- and 512-bit signers, and the peers that must still accept the result
 // (evmctl for the records; verifyCmses, openssl cms, rpm and rpm2cpio for the
 // package).
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <set>
@@ -22,6 +23,7 @@
 #include "support/pki.hpp"
 #include "support/process.hpp"
 #include "support/rpm_builder.hpp"
+#include "support/rpm_surgery.hpp"
 #include "support/signing.hpp"
 #include "support/stderr_capture.hpp"
 #include "support/temp_dir.hpp"
@@ -291,6 +293,15 @@ TEST_F(FileSignaturesWalk, ASignedPackageStillVerifiesAndReads)
     options.signFiles = true;
     ASSERT_TRUE(signFile(rpm, gost256->identity, options));
     EXPECT_TRUE(verifyFile(rpm, pki->ca().certPath));
+    // The block on the file is the one with the per-file tables.
+    Bytes signedFile = readFile(rpm);
+    ASSERT_GT(signedFile.size(), original.size() + 20);
+    Bytes block(signedFile.begin() + static_cast<long>(original.size()) + 8, signedFile.end() - 12);
+    auto table = tableOf(block, 0);
+    ASSERT_TRUE(table);
+    EXPECT_EQ(5u, table->size());
+    ASSERT_TRUE(tableOf(block, 1));
+    EXPECT_TRUE(tableOf(block, 1)->empty());
     auto listing = runCommand({"rpm", "-qpl", "--nosignature", "--nodigest", rpm});
     EXPECT_EQ(0, listing.exitCode) << listing.errors;
     EXPECT_NE(std::string::npos, listing.output.find("/usr/share/walk/linked-c")) << listing.output;
@@ -347,6 +358,140 @@ TEST_F(FileSignaturesWalk, APayloadThatEndsEarlyFailsTheSignature)
     EXPECT_FALSE(signing.der);
     EXPECT_EQ("Could not read file from rpm payload\n"
               "Could not sign file from rpm: /usr/share/truncated/big\n"
+              "Could not sign files in package\n",
+              signing.errors);
+}
+
+// The newc archive of names (one per line, "./usr/..."), taken from the
+// unpacked payload of the package at rpm.
+Bytes archiveOf(std::string const& rpm, std::string const& names)
+{
+    static int count = 0;
+    std::string root = rpm + ".unpacked-" + std::to_string(count);
+    std::string archive = rpm + ".archive-" + std::to_string(count++);
+    unpackPayload(rpm, root);
+    auto made = runShell("cd '" + root + "' && printf '" + names + "' | cpio -o -H newc --quiet > '" + archive + "'");
+    if (made.exitCode != 0)
+        throw std::runtime_error("cpio failed: " + made.errors);
+    return readFile(archive);
+}
+
+// The package at rpm (whose compressor is gzip) with archive as its payload.
+Bytes withPayload(std::string const& rpm, Bytes const& archive)
+{
+    std::string path = rpm + ".payload";
+    writeFile(path, archive);
+    auto compressed = runCommand({"gzip", "-n", "-f", path});
+    if (compressed.exitCode != 0)
+        throw std::runtime_error("gzip failed: " + compressed.errors);
+    RpmParts parts = splitRpm(readFile(rpm));
+    parts.payload = readFile(path + ".gz");
+    return joinRpm(parts);
+}
+
+// An archive that repeats an entry would make the walk sign it again on every
+// repeat (and every name of a hard-link set again); an honest archive holds
+// each file once.
+TEST_F(FileSignaturesWalk, AnArchiveThatRepeatsAFileIsRefused)
+{
+    std::string rpm = buildRpm(dir->path(), "repeated",
+                               {regularFile("/usr/share/rep/a", "aaa"), regularFile("/usr/share/rep/b", "bbb")}, "gzip");
+    auto honest = signPackage(withPayload(rpm, archiveOf(rpm, "./usr/share/rep/a\\n./usr/share/rep/b\\n")),
+                              gost256->loaded.borrowed());
+    ASSERT_TRUE(honest.der) << honest.errors;
+    EXPECT_EQ("", honest.errors);
+
+    auto signing = signPackage(
+        withPayload(rpm, archiveOf(rpm, "./usr/share/rep/a\\n./usr/share/rep/a\\n./usr/share/rep/b\\n")),
+        gost256->loaded.borrowed());
+    EXPECT_FALSE(signing.der);
+    EXPECT_EQ("File occurs more than once in rpm payload\n"
+              "Could not sign file from rpm: /usr/share/rep/a\n"
+              "Could not sign files in package\n",
+              signing.errors);
+}
+
+// A damaged archive ends the walk; the files before the damage are signed and
+// the signature is made, and the early end is reported.
+TEST_F(FileSignaturesWalk, AnArchiveThatEndsInGarbageIsReported)
+{
+    std::string rpm = buildRpm(dir->path(), "garbage",
+                               {regularFile("/usr/share/garbage/a", "aaa"), regularFile("/usr/share/garbage/b", "bbb")},
+                               "gzip");
+    // The archive's first entry, then a header whose magic is wrong.
+    Bytes archive = archiveOf(rpm, "./usr/share/garbage/a\\n./usr/share/garbage/b\\n");
+    const std::string magic = "070701";
+    auto second = std::search(archive.begin() + 1, archive.end(), magic.begin(), magic.end());
+    ASSERT_NE(archive.end(), second);
+    *(second + 5) = '9';
+    auto signing = signPackage(withPayload(rpm, archive), gost256->loaded.borrowed());
+    ASSERT_TRUE(signing.der) << signing.errors;
+    EXPECT_EQ("Notice: rpm payload ended early: cpio: Bad magic\n", signing.errors);
+    auto ima = tableOf(*signing.der, 0);
+    ASSERT_TRUE(ima);
+    EXPECT_EQ(1u, ima->size());
+}
+
+// librpm skips a link's target by allocating what the header declares for it:
+// a header that declares more than any target can hold is refused before the
+// archive is read.
+TEST_F(FileSignaturesWalk, ASymbolicLinkDeclaredLongerThanAnyTargetIsRefused)
+{
+    std::string rpm = buildRpm(dir->path(), "longlink",
+                               {regularFile("/usr/share/longlink/a", "aaa"), symbolicLink("/usr/share/longlink/l", "a")},
+                               "gzip");
+    RpmParts parts = splitRpm(readFile(rpm));
+    auto modes = headerIntegers(parts.header, fileModesTag);
+    std::size_t link = 0;
+    while (link < modes.size() && (modes[link] & 0xF000) != 0xA000)
+        ++link;
+    ASSERT_LT(link, modes.size());
+
+    for (std::uint32_t declared : {4096u, 4097u, 0xFFFFFFFFu}) {
+        SCOPED_TRACE(declared);
+        setHeaderInt32(parts.header, fileSizesTag, link, declared);
+        auto signing = signPackage(joinRpm(parts), gost256->loaded.borrowed());
+        if (declared == 4096u) {
+            // Within bounds: librpm reads on and finds the archive shorter.
+            EXPECT_EQ(std::string::npos, signing.errors.find("Symbolic link")) << signing.errors;
+            continue;
+        }
+        EXPECT_FALSE(signing.der);
+        EXPECT_EQ("Symbolic link in package header is longer than 4096 bytes: /usr/share/longlink/l\n"
+                  "Could not sign files in package\n",
+                  signing.errors);
+    }
+}
+
+TEST_F(FileSignaturesWalk, APackageSignedWithoutFileSignaturesCarriesNoTables)
+{
+    std::string rpm = buildRpm(dir->path(), "nofilesigs", mixedPayload());
+    auto signing = signPackage(readFile(rpm), gost256->loaded.borrowed(), nullptr, taRsaPss, 0);
+    ASSERT_TRUE(signing.der) << signing.errors;
+    EXPECT_EQ("", signing.errors);
+    EXPECT_FALSE(tableOf(*signing.der, 0));
+    EXPECT_FALSE(tableOf(*signing.der, 1));
+}
+
+// A GOST R 34.10-2001 key signs with GOST R 34.11-94 by default, which has no
+// number in the kernel's list of IMA hash algorithms.
+TEST_F(FileSignaturesWalk, AKeyWhoseDigestHasNoImaNumberSignsNothing)
+{
+    PkeyCtxPtr context(EVP_PKEY_CTX_new_id(NID_id_GostR3410_2001, nullptr));
+    EVP_PKEY* generated = nullptr;
+    ASSERT_TRUE(context && EVP_PKEY_keygen_init(context.get()) == 1 &&
+                EVP_PKEY_CTX_ctrl_str(context.get(), "paramset", "A") > 0 &&
+                EVP_PKEY_keygen(context.get(), &generated) == 1);
+    PkeyPtr key(generated);
+    X509Ptr cert = makeBareCertificate(key.get(), "gost 2001 signer");
+    addExtension(cert.get(), NID_subject_key_identifier, "01:02:03:04:05");
+    signCertificate(cert.get(), key.get());
+
+    std::string rpm = buildRpm(dir->path(), "gost94", {regularFile("/usr/share/gost94/f", "f")});
+    auto signing = signPackage(readFile(rpm), {cert.get(), key.get()});
+    EXPECT_FALSE(signing.der);
+    EXPECT_EQ("Hash algo is unknown for imaevm: md_gost94\n"
+              "Could not sign file from rpm: /usr/share/gost94/f\n"
               "Could not sign files in package\n",
               signing.errors);
 }

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -46,6 +47,10 @@ constexpr std::size_t keyidSize = 4;
 
 constexpr mode_t fileTypeBits = 0xF000;
 constexpr mode_t regularFileType = 0x8000;
+constexpr mode_t symlinkType = 0xA000;
+
+// No symbolic link points at a target longer than this.
+constexpr rpm_loff_t maxSymlinkTarget = PATH_MAX;
 
 // The kernel's numbering of hash algorithms (enum hash_algo) for the digests
 // that have one; unknownHashAlgo otherwise.
@@ -220,6 +225,52 @@ bool openPayload(FD_t fd, Header header)
     return true;
 }
 
+// librpm steps over a symbolic link's target in the archive by allocating the
+// size the header declares for it, plus one, and reading into that: a hostile
+// header could make it allocate without bound (librpm then ends the process)
+// or wrap the size to zero and overrun the buffer. So every link's declared
+// size is checked before the archive is read.
+bool symlinkSizesAreSane(rpmfiles files)
+{
+    const int count = static_cast<int>(rpmfilesFC(files));
+    for (int i = 0; i < count; ++i) {
+        if ((rpmfilesFMode(files, i) & fileTypeBits) != symlinkType ||
+            rpmfilesFSize(files, i) <= maxSymlinkTarget)
+            continue;
+        MallocPtr name(rpmfilesFN(files, i));
+        fprintf(stderr, "Symbolic link in package header is longer than %d bytes: %s\n", PATH_MAX,
+                name ? name.get() : "");
+        return false;
+    }
+    return true;
+}
+
+// librpm delivers an archive entry again each time the archive repeats it;
+// every repeat would cost one more signature and one more table entry per
+// name, without bound. An honest archive holds each file once.
+bool firstDelivery(std::vector<bool>& delivered, rpmfi fi)
+{
+    const int index = rpmfiFX(fi);
+    if (index < 0 || static_cast<std::size_t>(index) >= delivered.size() || delivered[index]) {
+        fprintf(stderr, "File occurs more than once in rpm payload\n");
+        fprintf(stderr, "Could not sign file from rpm: %s\n", rpmfiFN(fi));
+        return false;
+    }
+    delivered[index] = true;
+    return true;
+}
+
+// The archive ended otherwise than at its end mark (a damaged or truncated
+// payload, an unknown compressor): the files after that point are left
+// unsigned, and the signature is made all the same.
+void reportEarlyEnd(int result)
+{
+    if (result == RPMERR_ITER_END)
+        return;
+    MallocPtr reason(rpmfileStrerror(result));
+    fprintf(stderr, "Notice: rpm payload ended early: %s\n", reason ? reason.get() : "");
+}
+
 }  // namespace
 
 std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const EVP_MD* md, X509* cert,
@@ -237,6 +288,8 @@ std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const E
 
     PayloadSignatures out{FileSignaturesPtr(newTable()), FileSignaturesPtr(newTable())};
     RpmFilesPtr files(rpmfilesNew(nullptr, header.get(), 0, RPMFI_KEEPHEADER));
+    if (files && !symlinkSizesAreSane(files.get()))
+        return std::nullopt;
     RpmFiPtr fi(files ? rpmfiNewArchiveReader(package.get(), files.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST)
                       : nullptr);
     if (!out.ima || !out.ta || !fi) {
@@ -249,14 +302,19 @@ std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const E
     }
 
     const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo};
+    std::vector<bool> delivered(rpmfiFC(fi.get()), false);
     // Any negative result ends the archive: its end mark, or a damaged
     // archive, whose files are then left unsigned.
-    while (rpmfiNext(fi.get()) >= 0) {
+    int next = 0;
+    while ((next = rpmfiNext(fi.get())) >= 0) {
+        if (!firstDelivery(delivered, fi.get()))
+            return std::nullopt;
         if ((rpmfiFMode(fi.get()) & fileTypeBits) != regularFileType || !rpmfiArchiveHasContent(fi.get()))
             continue;
         if (!signCurrentFile(fi.get(), signer, out))
             return std::nullopt;
     }
+    reportEarlyEnd(next);
     return out;
 }
 
