@@ -305,6 +305,32 @@ TEST_F(CmsSign, ChainWithoutRotationsIsRefused)
     EXPECT_EQ(untouchedLength, signing.outLength);
 }
 
+// Every verifier refuses a chain of more than 64 proofs, so none is signed:
+// 64 copies of the proof a -> b are embedded for b, 65 are not.
+TEST_F(CmsSign, AChainLongerThanTheLimitIsRefused)
+{
+    ChainPtr single = chainFromTool({'a', 'b'});
+    unsigned char* der = nullptr;
+    int length = i2d_ProofOfRotation(ProofOfRotationChain_get0_at(single.get(), 0), &der);
+    OpensslBytesPtr owner(der);
+    for (int count : {64, 65}) {
+        ChainPtr chain(sk_ProofOfRotation_new_null());
+        for (int i = 0; i < count; ++i) {
+            const unsigned char* cursor = der;
+            sk_ProofOfRotation_push(chain.get(), d2i_ProofOfRotation(nullptr, &cursor, length));
+        }
+        Signing signing = sign(patternBytes(10), rotationSigner('b').borrowed(), chain.get());
+        if (count == 64) {
+            EXPECT_TRUE(signing.der) << signing.errors;
+            EXPECT_EQ("", signing.errors);
+        } else {
+            EXPECT_FALSE(signing.der);
+            EXPECT_EQ("Proof-of-rotation chain has 65 proofs, more than the limit of 64\n", signing.errors);
+            EXPECT_EQ(untouchedLength, signing.outLength);
+        }
+    }
+}
+
 TEST_F(CmsSign, ChainEndingAtAnotherKeyIsRefused)
 {
     ChainPtr chain = chainFromTool({'a', 'b'});

@@ -16,7 +16,9 @@
 #include "common/digests.hpp"
 #include "common/objects.hpp"
 #include "common/ossl_ptr.hpp"
+#include "common/no_throw.hpp"
 #include "common/rotation_end.hpp"
+#include "common/rotation_limit.hpp"
 #include "tk26sig/payload_walk.hpp"
 
 namespace sealkeep {
@@ -152,7 +154,8 @@ bool addPayloadSignatures(CMS_SignerInfo* signer, int fd, const EVP_MD* md, X509
 
 bool addRotationChain(CMS_SignerInfo* signer, X509* cert, ProofOfRotationChain* chain)
 {
-    if (!rotationChainEndsAt(chain, cert))
+    // Every verifier refuses a longer chain, so none is made.
+    if (rotationCountExceedsLimit(ProofOfRotationChain_count(chain)) || !rotationChainEndsAt(chain, cert))
         return false;
     unsigned char* der = nullptr;
     int length = i2d_ProofOfRotationChain(chain, &der);
@@ -250,6 +253,10 @@ extern "C" unsigned char* cms_sign(const unsigned char* data, size_t length, int
                                    EVP_PKEY* key, EVP_PKEY* taKey, unsigned int taAlgo,
                                    X509* cert, ProofOfRotationChain* chain, size_t* outLength)
 {
-    return signRange(SignedRange::inMemory(data, length), signFiles, key, taKey, taAlgo, cert,
-                     chain, outLength);
+    return withoutExceptions(
+        [&] {
+            return signRange(SignedRange::inMemory(data, length), signFiles, key, taKey, taAlgo,
+                             cert, chain, outLength);
+        },
+        static_cast<unsigned char*>(nullptr));
 }

@@ -15,6 +15,7 @@
 
 #include <sealkeep/sealkeep.h>
 
+#include "common/no_throw.hpp"
 #include "common/ossl_ptr.hpp"
 #include "tk26sig/payload_read.hpp"
 
@@ -49,10 +50,11 @@ void putBigEndian(unsigned char* out, uint32_t value, std::size_t bytes)
         out[i] = static_cast<unsigned char>(value >> (8 * (bytes - 1 - i)));
 }
 
-bool endsWith(std::string const& text, const char* tail)
+bool endsWith(const char* text, const char* tail)
 {
-    std::size_t tailLength = std::strlen(tail);
-    return text.size() >= tailLength && text.compare(text.size() - tailLength, tailLength, tail) == 0;
+    const std::size_t textLength = std::strlen(text);
+    const std::size_t tailLength = std::strlen(tail);
+    return textLength >= tailLength && std::strcmp(text + textLength - tailLength, tail) == 0;
 }
 
 // Signing context for taAlgo with SHA-256 as the signature digest.
@@ -151,7 +153,10 @@ extern "C" int is_fi_ta(rpmfi fi)
     return std::strcmp(dir, taDirectory) == 0 && endsWith(name, taSuffix) ? 1 : 0;
 }
 
-extern "C" GArray* rpmfi_ta_shdr(rpmfi fi, EVP_PKEY* taKey, unsigned int taAlgo)
+namespace sealkeep {
+namespace {
+
+GArray* makeTaHeader(rpmfi fi, EVP_PKEY* taKey, unsigned int taAlgo)
 {
     const auto imageSize = static_cast<uint32_t>(rpmfiFSize(fi));
     const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(NID_sha256));
@@ -193,4 +198,13 @@ extern "C" GArray* rpmfi_ta_shdr(rpmfi fi, EVP_PKEY* taKey, unsigned int taAlgo)
         return nullptr;
     }
     return toHexText(header);
+}
+
+}  // namespace
+}  // namespace sealkeep
+
+extern "C" GArray* rpmfi_ta_shdr(rpmfi fi, EVP_PKEY* taKey, unsigned int taAlgo)
+{
+    return sealkeep::withoutExceptions([&] { return sealkeep::makeTaHeader(fi, taKey, taAlgo); },
+                                       static_cast<GArray*>(nullptr));
 }
