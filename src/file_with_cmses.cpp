@@ -87,14 +87,7 @@ bool FileWithCmses::deleteCmses(bool onlyLast)
         return true;
     if (onlyLast)
         return ftruncate(fd(), cutOffsetOf(locations.back())) == 0;
-    // Every block goes, also those in front of the newest few that
-    // locateCmses collects.
-    long cut = 0;
-    scanBlocks(file_, [&cut](CmsLocation const& location) {
-        cut = cutOffsetOf(location);
-        return true;
-    });
-    return ftruncate(fd(), cut) == 0;
+    return ftruncate(fd(), cutBeforeEveryBlock(file_)) == 0;
 }
 
 }  // namespace PackageSignatures

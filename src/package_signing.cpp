@@ -4,6 +4,10 @@
 //
 // There is no rollback: a replacement cut stays when signing then fails, and
 // an interrupted append leaves a partial block that the scan will not accept.
+// Callers that must leave a refused package as it was ask maySign first.
+#include <iostream>
+#include <optional>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,38 +56,65 @@ std::vector<unsigned char> makeBlock(unsigned char const* der, std::size_t lengt
 
 }  // namespace
 
+namespace {
+
+// What signing a signer of some group does to the file as it is now.
+struct SigningPlan {
+    std::optional<long> cut;      // where a replacement truncates the file first
+    bool allowed = false;         // whether the signer then takes the next position
+    std::int64_t rangeBegin = 0;  // the first byte the new signature covers
+};
+
+// The group of the signer of the block at location; None when its CMS does
+// not decode or names no signer.
+Group signerGroupOf(FILE* file, CmsLocation const& location)
+{
+    auto certificate = readCms(file, location).certificate();
+    return certificate ? certificate->group() : Group::None;
+}
+
+// Only the newest block is ever read: a replacement compares its signer,
+// and the third position asks who signed below it. Asking elsewhere would
+// print for a block whose CMS does not decode.
+SigningPlan planSigning(FILE* file, Group group, bool replace)
+{
+    SigningPlan plan;
+    auto locations = locateCmses(file);
+    if (replace && !locations.empty()) {
+        if (signerGroupOf(file, locations.back()) == group) {
+            plan.cut = cutOffsetOf(locations.back());
+            locations.pop_back();
+        } else if (group == Group::Developer) {
+            plan.cut = cutBeforeEveryBlock(file);
+            locations.clear();
+        }
+    }
+    if (locations.size() >= maxSignatures)
+        return plan;
+    const Group newest =
+        locations.size() == 2 ? signerGroupOf(file, locations.back()) : Group::None;
+    plan.allowed = mayTakeNextPosition(group, locations.size(), newest);
+    plan.rangeBegin = locations.empty() ? 0 : locations.back().begin;
+    return plan;
+}
+
+}  // namespace
+
+bool FileWithCmses::maySign(Group group, bool replace) const
+{
+    return planSigning(file_, group, replace).allowed;
+}
+
 bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsigned int taAlgorithm,
                          stack_st_ProofOfRotation* rotationChain, bool replace, bool skippableFrame,
                          bool signFiles)
 {
     if (!certificate || !key)
         return false;
-    const Group group = groupOf(certificate);
-
-    auto locations = locateCmses(file_);
-    std::vector<Cms> present = readCmses(file_, locations);
-
-    if (replace && !locations.empty()) {
-        if (present.back().certificate()->group() == group) {
-            if (ftruncate(fd(), cutOffsetOf(locations.back())) != 0)
-                return false;
-            locations.pop_back();
-            present.pop_back();
-        } else if (group == Group::Developer) {
-            if (ftruncate(fd(), cutOffsetOf(locations.front())) != 0)
-                return false;
-            locations.clear();
-            present.clear();
-        }
-    }
-    if (locations.size() >= maxSignatures)
+    const SigningPlan plan = planSigning(file_, groupOf(certificate), replace);
+    if (plan.cut && ftruncate(fd(), *plan.cut) != 0)
         return false;
-    // Only the third position asks who signed below it; asking elsewhere
-    // would print for a block whose CMS does not decode.
-    Group newest = Group::None;
-    if (present.size() == 2 && present.back().certificate())
-        newest = present.back().certificate()->group();
-    if (!mayTakeNextPosition(group, present.size(), newest))
+    if (!plan.allowed)
         return false;
 
     // The first signature covers the whole file; a later one the last block's
@@ -93,14 +124,20 @@ bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsi
     struct stat status {};
     if (fstat(fd(), &status) != 0 || status.st_size <= 0)
         return false;
-    const std::int64_t rangeBegin = locations.empty() ? 0 : locations.back().begin;
     std::size_t derLength = 0;
     GBytesPtr der(sealkeep::signRange(
-        sealkeep::SignedRange::ofFile(fd(), rangeBegin,
-                                      static_cast<std::size_t>(status.st_size - rangeBegin)),
+        sealkeep::SignedRange::ofFile(fd(), plan.rangeBegin,
+                                      static_cast<std::size_t>(status.st_size - plan.rangeBegin)),
         signFiles, key, taKey, taAlgorithm, certificate, rotationChain, &derLength));
     if (!der)
         return false;
+    // A longer block would not be found by the scan again: the file would
+    // carry a signature that no reader sees.
+    if (derLength > static_cast<std::size_t>(maxCmsLength)) {
+        std::cerr << "Signature of " << derLength << " bytes is larger than the limit of "
+                  << maxCmsLength << " bytes for one block" << std::endl;
+        return false;
+    }
     std::vector<unsigned char> block = makeBlock(der.get(), derLength, skippableFrame);
     der.reset();
 

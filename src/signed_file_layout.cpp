@@ -113,12 +113,17 @@ std::vector<unsigned char> readFileRangeWithin(FILE* file, std::int64_t begin, s
     return readRange(file, begin, end, true);
 }
 
+Cms readCms(FILE* file, CmsLocation const& location)
+{
+    return Cms(readFileRangeWithin(file, location.begin, location.end));
+}
+
 std::vector<Cms> readCmses(FILE* file, std::vector<CmsLocation> const& locations)
 {
     std::vector<Cms> cmses;
     cmses.reserve(locations.size());
     for (auto const& loc : locations)
-        cmses.emplace_back(readFileRangeWithin(file, loc.begin, loc.end));
+        cmses.push_back(readCms(file, loc));
     return cmses;
 }
 
@@ -161,6 +166,16 @@ long cutOffsetOf(CmsLocation const& loc)
     if (loc.header.version == 3 && loc.begin >= frameHeaderSize)
         return static_cast<long>(loc.begin - frameHeaderSize);
     return static_cast<long>(loc.begin);
+}
+
+long cutBeforeEveryBlock(FILE* file)
+{
+    long cut = static_cast<long>(sizeOf(file));
+    scanBlocks(file, [&cut](CmsLocation const& location) {
+        cut = cutOffsetOf(location);
+        return true;
+    });
+    return cut;
 }
 
 }  // namespace PackageSignatures

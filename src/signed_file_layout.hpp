@@ -77,8 +77,10 @@ std::vector<unsigned char> readFileRange(FILE* file, long begin, long end);
 // (empty result), so a file truncated after it was scanned cannot stall.
 std::vector<unsigned char> readFileRangeWithin(FILE* file, std::int64_t begin, std::int64_t end);
 
-// The CMS bytes of each block, one Cms per location in the same order; a
-// block that cannot be read becomes an empty Cms.
+// The CMS bytes of the block at location; an empty Cms when they cannot be read.
+Cms readCms(FILE* file, CmsLocation const& location);
+
+// The CMS bytes of each block, one Cms per location in the same order.
 std::vector<Cms> readCmses(FILE* file, std::vector<CmsLocation> const& locations);
 
 // The bytes [begin, end) of the file that a signature covers.
@@ -98,6 +100,10 @@ std::optional<ByteRange> coveredRange(FILE* file, std::vector<CmsLocation> const
 // Where a cut removes the block at loc, together with its frame prefix when
 // the block is version 3.
 long cutOffsetOf(CmsLocation const& loc);
+
+// Where a cut removes every block, also those in front of the newest few
+// that locateCmses collects; the file size when there is none.
+long cutBeforeEveryBlock(FILE* file);
 
 }  // namespace PackageSignatures
 

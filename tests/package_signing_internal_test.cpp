@@ -261,6 +261,68 @@ TEST_F(PackageSigning, AnEmptyFileCannotBeMappedAndSoIsNotSigned)
     EXPECT_EQ(0, fileSize(path));
 }
 
+// maySign answers with the rule sign() applies, and changes nothing.
+TEST_F(PackageSigning, MaySignAnswersForTheStackAsItIs)
+{
+    auto may = [&](Group group, bool replace) {
+        return FileWithCmses::fromPath(path.c_str(), "r")->maySign(group, replace);
+    };
+    EXPECT_TRUE(may(Group::Developer, false));
+    EXPECT_FALSE(may(Group::Seclab, false));
+    EXPECT_FALSE(may(Group::Client, false));
+    EXPECT_FALSE(may(Group::None, false));
+
+    ASSERT_TRUE(signFile(path, pki->developer()));
+    EXPECT_FALSE(may(Group::Developer, false));
+    EXPECT_TRUE(may(Group::Developer, true));
+    EXPECT_TRUE(may(Group::Seclab, false));
+    EXPECT_TRUE(may(Group::Client, false));
+
+    ASSERT_TRUE(signFile(path, pki->client()));
+    EXPECT_FALSE(may(Group::Client, false)) << "a client never countersigns a client";
+    EXPECT_TRUE(may(Group::Client, true));
+    EXPECT_FALSE(may(Group::Seclab, true));
+
+    Bytes before = readFile(path);
+    EXPECT_TRUE(may(Group::Developer, true));
+    EXPECT_EQ(before, readFile(path)) << "asking cuts nothing";
+}
+
+// A newest block whose CMS does not decode has no signer to compare with: a
+// replacement then removes nothing (and the signer is refused), instead of
+// asking a missing certificate for its group.
+TEST_F(PackageSigning, ReplacingAboveAnUndecodableBlockRemovesNothing)
+{
+    ASSERT_TRUE(signFile(path, pki->developer()));
+    appendFile(path, makeBlock(patternBytes(300, 7), 2));
+    Bytes before = readFile(path);
+    std::string errors = stderrOf([&] {
+        EXPECT_FALSE(signFile(path, pki->seclab(), replacing()));
+        EXPECT_FALSE(signFile(path, pki->client(), replacing()));
+    });
+    EXPECT_EQ(before, readFile(path));
+    EXPECT_NE(std::string::npos, errors.find("Could not decode DER CMS")) << errors;
+    // A developer replaces everything, the undecodable block too.
+    stderrOf([&] { EXPECT_TRUE(signFile(path, otherDeveloper, replacing())); });
+    ASSERT_EQ(1u, blocks().size());
+    EXPECT_EQ(static_cast<std::int64_t>(package.size()), blocks()[0].begin);
+}
+
+// A developer's replacement removes every block, also blocks in front of the
+// newest four that one scan collects, so the new signature covers only the
+// package.
+TEST_F(PackageSigning, ReplacingAsDeveloperRemovesBlocksBeyondOneScan)
+{
+    Bytes stacked = package;
+    for (unsigned char i = 0; i < 6; ++i)
+        stacked = concat({stacked, makeBlock(patternBytes(40, i), 2)});
+    writeFile(path, stacked);
+    stderrOf([&] { EXPECT_TRUE(signFile(path, pki->developer(), replacing())); });
+    ASSERT_EQ(1u, blocks().size());
+    EXPECT_EQ(static_cast<std::int64_t>(package.size()), blocks()[0].begin);
+    EXPECT_TRUE(verifyFile(path, pki->ca().certPath));
+}
+
 TEST_F(PackageSigning, ALongPackageIsAppendedInPieces)
 {
     package = patternBytes(3 * 8192 + 123, 9);

@@ -98,11 +98,16 @@ public:
     // decides its position: developer first, then seclab or client, then
     // client; at most three. With replace, a newest block of the same group
     // (or, for a developer, every block) is cut away first and the cut is kept
-    // even when signing then fails. skippableFrame writes version 3 instead of
+    // even when signing then fails. A signature too large for one block (see
+    // README, "Limits") is refused with a message. skippableFrame writes version 3 instead of
     // 2. taKey may be null; rotationChain may be null. Nothing is freed or kept.
     bool sign(x509_st* certificate, evp_pkey_st* key, evp_pkey_st* taKey,
               unsigned int taAlgorithm, stack_st_ProofOfRotation* rotationChain,
               bool replace, bool skippableFrame, bool signFiles);
+    // Whether sign() would add a signer of group to the file as it is now
+    // (after the cut that replace makes): the same rule, nothing changed.
+    // Reads only the newest block.
+    bool maySign(Group group, bool replace) const;
     // True when the file carries one to three signatures and each verifies
     // against the CA certificates in caPath and stands at a permitted position.
     // The covered bytes are streamed from the file: memory stays bounded and
