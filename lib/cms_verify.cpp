@@ -35,14 +35,23 @@ bool failVerification()
 }
 
 // Which check a failed CMS_verify stopped at, read from OpenSSL's error queue
-// before it is printed. The signer's certificate is checked before the
-// content, and a chain that fails is the last error raised.
+// before it is printed. CMS_verify checks the signer's certificate, then the
+// signature over the signed attributes, then the content's digest, and the
+// last error it raises names the check that failed. Anything else (the
+// covered bytes could not be read to their end) counts against the content.
 CmsCheck failedCmsVerify()
 {
     unsigned long error = ERR_peek_last_error();
-    if (ERR_GET_LIB(error) == ERR_LIB_CMS && ERR_GET_REASON(error) == CMS_R_CERTIFICATE_VERIFY_ERROR)
+    if (ERR_GET_LIB(error) != ERR_LIB_CMS)
+        return CmsCheck::ContentDigest;
+    switch (ERR_GET_REASON(error)) {
+    case CMS_R_CERTIFICATE_VERIFY_ERROR:
         return CmsCheck::CertificateChain;
-    return CmsCheck::ContentDigest;
+    case CMS_R_VERIFICATION_FAILURE:
+        return CmsCheck::Signature;
+    default:
+        return CmsCheck::ContentDigest;
+    }
 }
 
 CmsCheck failWith(CmsCheck check)

@@ -14,7 +14,8 @@ enum class CmsCheck {
     Passed,
     Malformed,          // no CMS, no content, or not exactly one signer
     CertificateChain,   // the signer's certificate does not chain to the store
-    ContentDigest,      // the signature does not match the covered bytes
+    ContentDigest,      // the signed digest does not match the covered bytes
+    Signature,          // the signature value does not verify with the signer's key
     RotationInvalid,    // the rotation chain is too long or does not verify
     RotationNotAtSigner,
 };

@@ -35,6 +35,8 @@ VerificationReason reasonOf(sealkeep::CmsCheck check)
         return VerificationReason::CertificateChainNotTrusted;
     case sealkeep::CmsCheck::ContentDigest:
         return VerificationReason::ContentDigestMismatch;
+    case sealkeep::CmsCheck::Signature:
+        return VerificationReason::SignatureInvalid;
     case sealkeep::CmsCheck::RotationInvalid:
         return VerificationReason::RotationChainInvalid;
     case sealkeep::CmsCheck::RotationNotAtSigner:
@@ -68,6 +70,8 @@ char const* reasonName(VerificationReason reason)
         return "rotation_chain_not_at_signer";
     case VerificationReason::CmsMalformed:
         return "cms_malformed";
+    case VerificationReason::SignatureInvalid:
+        return "signature_invalid";
     }
     return "unknown";
 }

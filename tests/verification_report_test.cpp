@@ -134,6 +134,7 @@ TEST_F(VerificationReportTest, EveryReasonHasAStableName)
         {VerificationReason::RotationChainInvalid, "rotation_chain_invalid"},
         {VerificationReason::RotationChainNotAtSigner, "rotation_chain_not_at_signer"},
         {VerificationReason::CmsMalformed, "cms_malformed"},
+        {VerificationReason::SignatureInvalid, "signature_invalid"},
     };
     for (auto const& [reason, name] : names)
         EXPECT_EQ(name, reasonName(reason));
@@ -212,6 +213,18 @@ TEST_F(VerificationReportTest, AFlippedPayloadByteFailsTheDeveloperBlockOnly)
     expectBlock(result.blocks[0], 1, Group::Seclab, packageSize(), seclabBegin, VerificationReason::Ok);
     expectBlock(result.blocks[1], 0, Group::None, 0, packageSize(), VerificationReason::ContentDigestMismatch);
     EXPECT_NE(std::string::npos, lastErrors.find("content verify error")) << lastErrors;
+}
+
+// The signature value is the last element of the CMS: a changed byte there
+// leaves the covered bytes and their digest intact.
+TEST_F(VerificationReportTest, AChangedSignatureValueIsAnInvalidSignature)
+{
+    ASSERT_TRUE(signFile(path, pki->developer()));
+    flipByte(fileSize(path) - 12 - 1);
+    VerificationReport result = report();
+    expectRefusedAlone(result, Group::None, VerificationReason::SignatureInvalid);
+    EXPECT_NE(std::string::npos, lastErrors.find("verification failure")) << lastErrors;
+    EXPECT_EQ(std::string::npos, lastErrors.find("content verify error")) << lastErrors;
 }
 
 TEST_F(VerificationReportTest, AnAttachedDigestThatDiffersIsAContentMismatch)

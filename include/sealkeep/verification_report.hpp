@@ -31,6 +31,8 @@ enum class VerificationReason : std::uint32_t {
     RotationChainNotAtSigner = 8,    // "rotation_chain_not_at_signer"
     CmsMalformed = 9,                // "cms_malformed": undecodable, not exactly one signer,
                                      // or a later block of unknown version
+    SignatureInvalid = 10,           // "signature_invalid": the signature value itself does
+                                     // not verify with the signer's key
 };
 
 // "ok", "unreadable_ca", ... as listed above; "unknown" for any other value.
