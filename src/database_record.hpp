@@ -98,6 +98,11 @@ private:
 
 // A statement run once and finalized on every path.
 using StatementPtr = std::unique_ptr<sqlite3_stmt, sealkeep::Deleter<sqlite3_finalize>>;
+// Prepares sql to be run once; result receives the preparation's result
+// code, so that the caller can tell a busy database from a statement that
+// does not prepare. Nothing is reported.
+StatementPtr prepareOnce(sqlite3* db, const char* sql, int& result);
+// The same, with a busy database reported.
 StatementPtr prepareOnce(sqlite3* db, const char* sql);
 
 // Binds text in place: the caller's NUL-terminated buffer must outlive the

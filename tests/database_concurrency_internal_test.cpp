@@ -180,6 +180,32 @@ TEST_F(BusyDatabase, OpeningAFileLockedByAWriterReportsItBusy)
     EXPECT_EQ(4, SqliteFile(files.databasePath()).userVersion());
 }
 
+// Here the version cannot be read (it is refused), so the table count alone
+// tells a fresh file from an old one; that count cannot even be prepared
+// while another process holds the file. A file that tells nothing is busy,
+// not an old file to upgrade from version -1.
+TEST_F(BusyDatabase, FreshFileWhoseTablesCannotBeCountedIsReportedBusy)
+{
+    files.writeRevocation({}, {});
+    std::string printed;
+    {
+        LockHolder writer(files.databasePath(), writeTransaction, holdMs);
+        RefusingConnections refusing({{SQLITE_PRAGMA, "user_version"}});
+        printed = stderrOf([&] { openDatabase(files); });
+        EXPECT_TRUE(writer.finish());
+    }
+    EXPECT_EQ(std::string(busyLine) + "\n", printed);
+    {
+        SqliteFile file(files.databasePath());
+        EXPECT_EQ(Rows{}, file.tables());
+        EXPECT_EQ(0, file.userVersion());
+    }
+    EXPECT_EQ("", stderrOf([&] { openDatabase(files); }));
+    SqliteFile file(files.databasePath());
+    EXPECT_EQ(currentTables, file.tables());
+    EXPECT_EQ(4, file.userVersion());
+}
+
 TEST_F(BusyDatabase, WritesBlockedByAWriterFailAsBusy)
 {
     files.writeRevocation({}, {});
