@@ -141,6 +141,24 @@ inline bool stepDone(sqlite3_stmt* statement)
     return step(statement) == SQLITE_DONE;
 }
 
+// What the first step of a lookup found. A read that failed (the file stayed
+// locked, an I/O error, a table that is not there, a statement that did not
+// prepare) found nothing either way: it is never taken for a missing row,
+// which could let in what the row would refuse, or add the row a second time.
+enum class Lookup { Found, Absent, Failed };
+
+// Steps a bound lookup; a row is left in the statement to be read.
+inline Lookup lookUp(sqlite3_stmt* statement)
+{
+    switch (step(statement)) {
+    case SQLITE_ROW:
+        return Lookup::Found;
+    case SQLITE_DONE:
+        return Lookup::Absent;
+    }
+    return Lookup::Failed;
+}
+
 // Whether a transaction began; one that did not because the database stayed
 // busy is reported.
 inline bool began(Transaction const& transaction)
