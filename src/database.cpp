@@ -203,12 +203,21 @@ Database::Record::~Record()
 
 sqlite3_stmt* Database::cachedStatement(int key, std::string_view sql)
 {
+    int result = SQLITE_OK;
+    return cachedStatement(key, sql, result);
+}
+
+sqlite3_stmt* Database::cachedStatement(int key, std::string_view sql, int& result)
+{
     sqlite3_stmt*& statement = record_->statements[key];
+    result = SQLITE_OK;
     // Preparing reads the schema from the file the first time, so a file that
     // another process keeps locked fails it; that is reported like any read.
-    if (!statement)
-        reportBusy(sqlite3_prepare_v2(record_->db, sql.data(), static_cast<int>(sql.size()),
-                                      &statement, nullptr));
+    if (!statement) {
+        result = sqlite3_prepare_v2(record_->db, sql.data(), static_cast<int>(sql.size()),
+                                    &statement, nullptr);
+        reportBusy(result);
+    }
     return statement;
 }
 

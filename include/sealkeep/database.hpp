@@ -142,7 +142,9 @@ public:
     // Key revocation. A blacklisting is never lowered by an insert.
     bool insertRevokedKeyid(std::string_view keyid, RevocationType type);
     bool removeRevokedKeyid(std::string_view keyid, RevocationType type);
-    // NotRevoked, Superseded or Blacklisted.
+    // NotRevoked, Superseded or Blacklisted. A status that cannot be read
+    // is Blacklisted, except in a file whose schema lacks the table (or its
+    // type column), which records no revocation: NotRevoked.
     int getKeyidRevocationStatus(std::string_view keyid);
     std::vector<std::string> revokedKeyids();
     bool processKeyidsFromFile(std::string_view path, std::string_view group,
@@ -195,8 +197,12 @@ private:
 
     // The prepared statement cached under key, prepared from sql on first
     // use (or again after a failed preparation); null when it does not
-    // prepare. The caller resets it when done with it.
+    // prepare, which is reported when the database was busy. The caller
+    // resets it when done with it.
     sqlite3_stmt* cachedStatement(int key, std::string_view sql);
+    // The same; result receives why a preparation made now failed
+    // (SQLITE_OK when the statement is there).
+    sqlite3_stmt* cachedStatement(int key, std::string_view sql, int& result);
     // The one migration step that starts from version.
     bool migrateFrom(int version);
 };
