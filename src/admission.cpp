@@ -60,8 +60,13 @@ private:
 
 bool Database::developerMatch(std::string_view package, Cms const& cms)
 {
-    // A package not yet installed may come from any developer.
-    if (!packageExists(package))
+    // A package not yet installed may come from any developer. A lookup that
+    // failed has not shown that the package is not installed: taking it for
+    // a first installation would let any developer take the package over.
+    bool recorded = false;
+    if (!readPackageExists(package, recorded))
+        return false;
+    if (!recorded)
         return true;
     // An installed package without a developer certificate cannot be taken
     // over by a developer signature.

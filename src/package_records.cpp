@@ -183,11 +183,21 @@ bool Database::removePackage(std::string_view package)
     return bindText(remove.get(), 1, package) == SQLITE_OK && stepDone(remove.get());
 }
 
-bool Database::packageExists(std::string_view package)
+bool Database::readPackageExists(std::string_view package, bool& recorded)
 {
     StatementUse select(cachedStatement(StatementKeys::PackageExists, packageExistsSql));
-    return bindText(select.get(), 1, package) == SQLITE_OK &&
-           step(select.get()) == SQLITE_ROW;
+    const Lookup found =
+        bindText(select.get(), 1, package) == SQLITE_OK ? lookUp(select.get()) : Lookup::Failed;
+    if (found == Lookup::Failed)
+        return false;
+    recorded = found == Lookup::Found;
+    return true;
+}
+
+bool Database::packageExists(std::string_view package)
+{
+    bool recorded = false;
+    return readPackageExists(package, recorded) && recorded;
 }
 
 std::vector<std::string> Database::packages()

@@ -187,6 +187,7 @@ public:
     // Package admission, consulted before a developer-signed package is
     // installed or updated. Only the first signature of cmses counts, and only
     // when a developer made it. The last argument is accepted and not used.
+    // developerMatch is false when what is installed cannot be read.
     bool developerMatch(std::string_view package, Cms const& cms);
     PackageCheckResult checkPackage(std::string_view package, std::vector<Cms> const& cmses,
                                     bool unused);
@@ -205,6 +206,9 @@ private:
     sqlite3_stmt* cachedStatement(int key, std::string_view sql, int& result);
     // The one migration step that starts from version.
     bool migrateFrom(int version);
+    // Looks package up: true when the lookup gave an answer, which is then
+    // in recorded; false when the read failed, which says nothing either way.
+    bool readPackageExists(std::string_view package, bool& recorded);
 };
 
 }  // namespace PackageSignatures
