@@ -192,6 +192,18 @@ TEST_F(Admission, AnUnopenableDatabaseRefusesEveryDeveloperSignature)
     EXPECT_EQ(1, check("p", {signedCms(pki->client())}));
 }
 
+// A connection left inside a transaction that it could not end (its COMMIT
+// and ROLLBACK refused here) keeps reading the file as it was then, blind to
+// any key blacklisted since: it refuses rather than decide on that.
+TEST_F(Admission, AConnectionLeftInsideATransactionRefuses)
+{
+    RefusingConnections refusing(
+        {{SQLITE_TRANSACTION, "COMMIT"}, {SQLITE_TRANSACTION, "ROLLBACK"}});
+    auto stuck = std::make_unique<Database>(files.databasePath(), files.confPath());
+    ASSERT_EQ(0, database->checkPackage("p", {signedCms(identity('a'))}, false));
+    EXPECT_EQ(6, stuck->checkPackage("p", {signedCms(identity('a'))}, false));
+}
+
 TEST_F(Admission, ADecisionReadsOneStateOfTheFileAndLetsItGo)
 {
     ChainPtr fromA = chain("ab", {{identity('a'), identity('b')}});

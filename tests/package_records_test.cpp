@@ -417,6 +417,22 @@ TEST_F(PackageRecords, AFailedLookupInsertsNothing)
     EXPECT_EQ(0, count("packages"));
 }
 
+// A connection left inside a transaction that it could neither commit nor
+// roll back (both refused here, so that the snapshot taken when opening
+// stays open) writes nothing for good any more: recording says so rather
+// than join that transaction and report rows that are lost at close.
+TEST_F(PackageRecords, AConnectionLeftInsideATransactionRecordsNothingAndSaysSo)
+{
+    {
+        RefusingConnections refusing(
+            {{SQLITE_TRANSACTION, "COMMIT"}, {SQLITE_TRANSACTION, "ROLLBACK"}});
+        auto stuck = open();
+        EXPECT_FALSE(stuck->insertPackage("p", {signedCms(identity('a'))}));
+        EXPECT_FALSE(stuck->updateRevokedKeyids());
+    }
+    EXPECT_EQ(0, count("packages"));
+}
+
 TEST_F(PackageRecords, FailedCommitReportsFailureAndKeepsTheOldRows)
 {
     ASSERT_TRUE(database->insertPackage("p", {signedCms(identity('a'))}));
