@@ -147,9 +147,13 @@ inline bool stepDone(sqlite3_stmt* statement)
 // which could let in what the row would refuse, or add the row a second time.
 enum class Lookup { Found, Absent, Failed };
 
-// Steps a bound lookup; a row is left in the statement to be read.
-inline Lookup lookUp(sqlite3_stmt* statement)
+// Steps a lookup whose parameters were bound with the result bound (a bind
+// that failed is a read that failed); a row is left in the statement to be
+// read.
+inline Lookup lookUp(sqlite3_stmt* statement, int bound)
 {
+    if (bound != SQLITE_OK)
+        return Lookup::Failed;
     switch (step(statement)) {
     case SQLITE_ROW:
         return Lookup::Found;

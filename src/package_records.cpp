@@ -85,8 +85,7 @@ sqlite3_int64 findOrInsertName(sqlite3_stmt* select, sqlite3_stmt* insert, std::
 {
     {
         StatementUse lookup(select);
-        const Lookup found =
-            bindText(select, 1, name) == SQLITE_OK ? lookUp(select) : Lookup::Failed;
+        const Lookup found = lookUp(select, bindText(select, 1, name));
         if (found == Lookup::Found)
             return sqlite3_column_int(select, 0);
         if (found == Lookup::Failed)
@@ -119,8 +118,7 @@ sqlite3_int64 Database::insertCertificate(Certificate const& certificate)
     const std::vector<unsigned char> der = certificate.toDer();
     {
         StatementUse select(cachedStatement(StatementKeys::SelectCertificate, selectCertificateSql));
-        const Lookup found =
-            bindDer(select.get(), 1, der) == SQLITE_OK ? lookUp(select.get()) : Lookup::Failed;
+        const Lookup found = lookUp(select.get(), bindDer(select.get(), 1, der));
         if (found == Lookup::Found)
             return sqlite3_column_int64(select.get(), 0);
         if (found == Lookup::Failed)
@@ -186,8 +184,7 @@ bool Database::removePackage(std::string_view package)
 bool Database::readPackageExists(std::string_view package, bool& recorded)
 {
     StatementUse select(cachedStatement(StatementKeys::PackageExists, packageExistsSql));
-    const Lookup found =
-        bindText(select.get(), 1, package) == SQLITE_OK ? lookUp(select.get()) : Lookup::Failed;
+    const Lookup found = lookUp(select.get(), bindText(select.get(), 1, package));
     if (found == Lookup::Failed)
         return false;
     recorded = found == Lookup::Found;

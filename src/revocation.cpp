@@ -79,9 +79,7 @@ int Database::getKeyidRevocationStatus(std::string_view keyid)
     sqlite3_stmt* s = statement.get();
     if (!s)
         return (prepared & 0xff) == SQLITE_ERROR ? NotRevoked : Blacklisted;
-    if (bindText(s, 1, keyid) != SQLITE_OK)
-        return Blacklisted;
-    switch (lookUp(s)) {
+    switch (lookUp(s, bindText(s, 1, keyid))) {
     case Lookup::Absent:
         return NotRevoked;
     case Lookup::Failed:
