@@ -17,31 +17,31 @@ namespace {
 // file, so that another process recording a package or revoking a key at
 // the same moment cannot make it see half of each. It also takes the file's
 // read lock once instead of once per statement, which is a good part of what
-// a decision costs. Inside a transaction of the caller's there is nothing to
-// do: that one already reads one state.
+// a decision costs.
+//
+// It always begins a transaction of its own: no transaction of the library
+// is open on the connection when a decision is asked for, so one found open
+// is one that could not be ended, whose old state would hide every key
+// blacklisted since. BEGIN then fails, and the decision is refused.
 class ReadSnapshot {
 public:
     // begin and commit are the connection's cached "BEGIN" and "COMMIT":
     // parsing them anew would cost a decision as much as a lookup does.
     ReadSnapshot(sqlite3* db, sqlite3_stmt* begin, sqlite3_stmt* commit)
-        : db_(sqlite3_get_autocommit(db) ? db : nullptr), commit_(commit)
-    {
-        if (db_ && run(begin) != SQLITE_DONE) {
-            began_ = false;
-            db_ = nullptr;
-        }
-    }
+        : db_(db), commit_(commit), began_(run(begin) == SQLITE_DONE)
+    {}
     ~ReadSnapshot()
     {
         // Ending a transaction that wrote nothing only drops the read lock;
-        // should it fail all the same, the connection is not left inside it.
-        if (db_ && run(commit_) != SQLITE_DONE)
+        // should it fail all the same, the connection is not left inside it
+        // (and if even that fails, the next BEGIN fails, and the next
+        // decision is refused).
+        if (began_ && run(commit_) != SQLITE_DONE)
             sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     }
     ReadSnapshot(ReadSnapshot const&) = delete;
     ReadSnapshot& operator=(ReadSnapshot const&) = delete;
 
-    // Whether the snapshot began (or the caller's transaction holds one).
     bool began() const { return began_; }
 
 private:
@@ -53,15 +53,20 @@ private:
 
     sqlite3* db_;
     sqlite3_stmt* commit_;
-    bool began_ = true;
+    bool began_;
 };
 
 }  // namespace
 
 bool Database::developerMatch(std::string_view package, Cms const& cms)
 {
-    // A package not yet installed may come from any developer.
-    if (!packageExists(package))
+    // A package not yet installed may come from any developer. A lookup that
+    // failed has not shown that the package is not installed: taking it for
+    // a first installation would let any developer take the package over.
+    bool recorded = false;
+    if (!readPackageExists(package, recorded))
+        return false;
+    if (!recorded)
         return true;
     // An installed package without a developer certificate cannot be taken
     // over by a developer signature.

@@ -47,11 +47,15 @@ constexpr char tableCountSql[] = "SELECT COUNT(1) FROM sqlite_master WHERE type=
 constexpr char userVersionSql[] = "PRAGMA user_version";
 
 // Column 0 of the first row of a query run once; nullopt without a row.
-// result receives the step's result, so that the caller can tell a busy
-// database from an answer.
+// result receives the result of the preparation when it failed, else of the
+// step, so that the caller can tell a busy database from an answer: preparing
+// reads the schema from the file, and fails too while another process holds
+// it. Nothing is reported.
 std::optional<int> queryInt(sqlite3* db, const char* sql, int& result)
 {
-    StatementPtr statement = prepareOnce(db, sql);
+    StatementPtr statement = prepareOnce(db, sql, result);
+    if (!statement)
+        return std::nullopt;
     result = sqlite3_step(statement.get());
     if (result != SQLITE_ROW)
         return std::nullopt;
@@ -155,11 +159,19 @@ bool reportBusy(int result)
     return true;
 }
 
-StatementPtr prepareOnce(sqlite3* db, const char* sql)
+StatementPtr prepareOnce(sqlite3* db, const char* sql, int& result)
 {
     sqlite3_stmt* statement = nullptr;
-    reportBusy(sqlite3_prepare_v2(db, sql, -1, &statement, nullptr));
+    result = sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
     return StatementPtr(statement);
+}
+
+StatementPtr prepareOnce(sqlite3* db, const char* sql)
+{
+    int result = SQLITE_OK;
+    StatementPtr statement = prepareOnce(db, sql, result);
+    reportBusy(result);
+    return statement;
 }
 
 bool runSqlSteps(sqlite3* db, std::initializer_list<SqlStep> steps)
@@ -191,12 +203,21 @@ Database::Record::~Record()
 
 sqlite3_stmt* Database::cachedStatement(int key, std::string_view sql)
 {
+    int result = SQLITE_OK;
+    return cachedStatement(key, sql, result);
+}
+
+sqlite3_stmt* Database::cachedStatement(int key, std::string_view sql, int& result)
+{
     sqlite3_stmt*& statement = record_->statements[key];
+    result = SQLITE_OK;
     // Preparing reads the schema from the file the first time, so a file that
     // another process keeps locked fails it; that is reported like any read.
-    if (!statement)
-        reportBusy(sqlite3_prepare_v2(record_->db, sql.data(), static_cast<int>(sql.size()),
-                                      &statement, nullptr));
+    if (!statement) {
+        result = sqlite3_prepare_v2(record_->db, sql.data(), static_cast<int>(sql.size()),
+                                    &statement, nullptr);
+        reportBusy(result);
+    }
     return statement;
 }
 

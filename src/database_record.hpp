@@ -98,6 +98,11 @@ private:
 
 // A statement run once and finalized on every path.
 using StatementPtr = std::unique_ptr<sqlite3_stmt, sealkeep::Deleter<sqlite3_finalize>>;
+// Prepares sql to be run once; result receives the preparation's result
+// code, so that the caller can tell a busy database from a statement that
+// does not prepare. Nothing is reported.
+StatementPtr prepareOnce(sqlite3* db, const char* sql, int& result);
+// The same, with a busy database reported.
 StatementPtr prepareOnce(sqlite3* db, const char* sql);
 
 // Binds text in place: the caller's NUL-terminated buffer must outlive the
@@ -134,6 +139,28 @@ inline int step(sqlite3_stmt* statement)
 inline bool stepDone(sqlite3_stmt* statement)
 {
     return step(statement) == SQLITE_DONE;
+}
+
+// What the first step of a lookup found. A read that failed (the file stayed
+// locked, an I/O error, a table that is not there, a statement that did not
+// prepare) found nothing either way: it is never taken for a missing row,
+// which could let in what the row would refuse, or add the row a second time.
+enum class Lookup { Found, Absent, Failed };
+
+// Steps a lookup whose parameters were bound with the result bound (a bind
+// that failed is a read that failed); a row is left in the statement to be
+// read.
+inline Lookup lookUp(sqlite3_stmt* statement, int bound)
+{
+    if (bound != SQLITE_OK)
+        return Lookup::Failed;
+    switch (step(statement)) {
+    case SQLITE_ROW:
+        return Lookup::Found;
+    case SQLITE_DONE:
+        return Lookup::Absent;
+    }
+    return Lookup::Failed;
 }
 
 // Whether a transaction began; one that did not because the database stayed

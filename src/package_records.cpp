@@ -79,13 +79,17 @@ std::vector<Certificate> stepCertificates(sqlite3_stmt* statement, DecodedCertif
 }
 
 // The row id of name in a table of names (groups, subgroups), made when it is
-// missing; 0 when neither works. insert runs only when select finds no row.
+// missing; 0 when neither works. insert runs only when select has read that
+// there is no row.
 sqlite3_int64 findOrInsertName(sqlite3_stmt* select, sqlite3_stmt* insert, std::string const& name)
 {
     {
         StatementUse lookup(select);
-        if (bindText(select, 1, name) == SQLITE_OK && step(select) == SQLITE_ROW)
+        const Lookup found = lookUp(select, bindText(select, 1, name));
+        if (found == Lookup::Found)
             return sqlite3_column_int(select, 0);
+        if (found == Lookup::Failed)
+            return 0;
     }
     StatementUse addition(insert);
     if (bindText(insert, 1, name) == SQLITE_OK && stepDone(insert))
@@ -114,8 +118,11 @@ sqlite3_int64 Database::insertCertificate(Certificate const& certificate)
     const std::vector<unsigned char> der = certificate.toDer();
     {
         StatementUse select(cachedStatement(StatementKeys::SelectCertificate, selectCertificateSql));
-        if (bindDer(select.get(), 1, der) == SQLITE_OK && step(select.get()) == SQLITE_ROW)
+        const Lookup found = lookUp(select.get(), bindDer(select.get(), 1, der));
+        if (found == Lookup::Found)
             return sqlite3_column_int64(select.get(), 0);
+        if (found == Lookup::Failed)
+            return 0;
     }
     const std::string keyId = certificate.keyId();
     const std::string subject = certificate.subject();
@@ -174,11 +181,20 @@ bool Database::removePackage(std::string_view package)
     return bindText(remove.get(), 1, package) == SQLITE_OK && stepDone(remove.get());
 }
 
-bool Database::packageExists(std::string_view package)
+bool Database::readPackageExists(std::string_view package, bool& recorded)
 {
     StatementUse select(cachedStatement(StatementKeys::PackageExists, packageExistsSql));
-    return bindText(select.get(), 1, package) == SQLITE_OK &&
-           step(select.get()) == SQLITE_ROW;
+    const Lookup found = lookUp(select.get(), bindText(select.get(), 1, package));
+    if (found == Lookup::Failed)
+        return false;
+    recorded = found == Lookup::Found;
+    return true;
+}
+
+bool Database::packageExists(std::string_view package)
+{
+    bool recorded = false;
+    return readPackageExists(package, recorded) && recorded;
 }
 
 std::vector<std::string> Database::packages()

@@ -67,23 +67,26 @@ bool Database::removeRevokedKeyid(std::string_view keyid, RevocationType type)
 
 int Database::getKeyidRevocationStatus(std::string_view keyid)
 {
+    // A status that cannot be read (the file stayed locked, an I/O error, a
+    // damaged file, no memory, a connection that never opened) is not
+    // evidence that the key is clean: it reads as the strongest revocation,
+    // so that a blacklisted key is never let through. Only a statement that
+    // does not prepare for want of the table or its type column (a plain
+    // SQLITE_ERROR) reads as not revoked: such a file records no revocation.
+    int prepared = SQLITE_OK;
     StatementUse statement(
-        cachedStatement(StatementKeys::KeyidRevocationStatus, revocationStatusSql));
+        cachedStatement(StatementKeys::KeyidRevocationStatus, revocationStatusSql, prepared));
     sqlite3_stmt* s = statement.get();
-    // A statement that could not be prepared because another process kept
-    // the file locked has read nothing either (see below).
     if (!s)
-        return (sqlite3_errcode(record_->db) & 0xff) == SQLITE_BUSY ? Blacklisted : NotRevoked;
-    if (bindText(s, 1, keyid) != SQLITE_OK)
+        return (prepared & 0xff) == SQLITE_ERROR ? NotRevoked : Blacklisted;
+    switch (lookUp(s, bindText(s, 1, keyid))) {
+    case Lookup::Absent:
         return NotRevoked;
-    const int result = step(s);
-    if (result == SQLITE_DONE)
-        return NotRevoked;
-    // A status that could not be read (the file stayed locked, or the read
-    // failed) is not evidence that the key is clean: answer with the
-    // strongest revocation, so that a blacklisted key is never let through.
-    if (result != SQLITE_ROW)
+    case Lookup::Failed:
         return Blacklisted;
+    case Lookup::Found:
+        break;
+    }
     // Any stored type other than Superseded counts as the stronger one,
     // whatever it is stored as: sqlite3_column_int would read 4294967296,
     // 0.5 or 'x' as 0.

@@ -157,6 +157,53 @@ TEST_F(Admission, DeveloperMatch)
     EXPECT_TRUE(database->developerMatch("p", signedCms(identity('a'))));
 }
 
+// When what is installed cannot be read (here another process has renamed
+// the packages table away), an update from another developer must not pass
+// for a first installation: a failed lookup is a mismatch.
+TEST_F(Admission, APackageLookupThatFailsIsAMismatch)
+{
+    ASSERT_TRUE(database->insertPackage("p", {signedCms(identity('a'))}));
+    const std::vector<Cms> other{signedCms(identity('b'))};
+    ASSERT_EQ(3, check("p", other));
+    SqliteFile(files.databasePath()).exec("ALTER TABLE packages RENAME TO moved_packages");
+
+    // The statements this connection prepared no longer run...
+    EXPECT_EQ(3, check("p", other));
+    EXPECT_EQ(3, check("q", other));
+    EXPECT_FALSE(database->developerMatch("p", other.front()));
+    EXPECT_FALSE(database->developerMatch("q", other.front()));
+    // ...while packageExists still answers only whether it found the package.
+    EXPECT_FALSE(database->packageExists("p"));
+    // A new connection cannot even prepare them.
+    database = std::make_unique<Database>(files.databasePath(), files.confPath());
+    EXPECT_FALSE(database->developerMatch("q", other.front()));
+    EXPECT_EQ(3, check("p", other));
+    EXPECT_EQ(3, check("q", other));
+}
+
+// Without a file to read, nothing is known about the signer's keys: every
+// developer signature is refused as blacklisted.
+TEST_F(Admission, AnUnopenableDatabaseRefusesEveryDeveloperSignature)
+{
+    const std::string path = files.file("missing-directory/trust.db");
+    EXPECT_EQ("Could not open database at " + path + "\n",
+              stderrOf([&] { database = std::make_unique<Database>(path, files.confPath()); }));
+    EXPECT_EQ(6, check("p", {signedCms(identity('a'))}));
+    EXPECT_EQ(1, check("p", {signedCms(pki->client())}));
+}
+
+// A connection left inside a transaction that it could not end (its COMMIT
+// and ROLLBACK refused here) keeps reading the file as it was then, blind to
+// any key blacklisted since: it refuses rather than decide on that.
+TEST_F(Admission, AConnectionLeftInsideATransactionRefuses)
+{
+    RefusingConnections refusing(
+        {{SQLITE_TRANSACTION, "COMMIT"}, {SQLITE_TRANSACTION, "ROLLBACK"}});
+    auto stuck = std::make_unique<Database>(files.databasePath(), files.confPath());
+    ASSERT_EQ(0, database->checkPackage("p", {signedCms(identity('a'))}, false));
+    EXPECT_EQ(6, stuck->checkPackage("p", {signedCms(identity('a'))}, false));
+}
+
 TEST_F(Admission, ADecisionReadsOneStateOfTheFileAndLetsItGo)
 {
     ChainPtr fromA = chain("ab", {{identity('a'), identity('b')}});

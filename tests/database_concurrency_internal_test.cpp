@@ -105,8 +105,10 @@ TEST(DatabaseConcurrency, UpgradeRacingABlacklistingNeverLowersIt)
 class BusyDatabase : public testing::Test {
 protected:
     static constexpr int waitMs = 200;
-    // Long enough past the wait that the waiting side gives up first.
-    static constexpr int holdMs = 1200;
+    // The longest a lock is held: each test has its holder let go (finish())
+    // once it is done, so that however slowly the machine runs, every wait
+    // of the test runs out while the lock is still held.
+    static constexpr int holdMs = 20000;
 
     TrustFiles files;
 
@@ -176,6 +178,32 @@ TEST_F(BusyDatabase, OpeningAFileLockedByAWriterReportsItBusy)
     EXPECT_EQ(2, SqliteFile(files.databasePath()).userVersion());
     EXPECT_EQ("", stderrOf([&] { openDatabase(files); }));
     EXPECT_EQ(4, SqliteFile(files.databasePath()).userVersion());
+}
+
+// Here the version cannot be read (it is refused), so the table count alone
+// tells a fresh file from an old one; that count cannot even be prepared
+// while another process holds the file. A file that tells nothing is busy,
+// not an old file to upgrade from version -1.
+TEST_F(BusyDatabase, FreshFileWhoseTablesCannotBeCountedIsReportedBusy)
+{
+    files.writeRevocation({}, {});
+    std::string printed;
+    {
+        LockHolder writer(files.databasePath(), writeTransaction, holdMs);
+        RefusingConnections refusing({{SQLITE_PRAGMA, "user_version"}});
+        printed = stderrOf([&] { openDatabase(files); });
+        EXPECT_TRUE(writer.finish());
+    }
+    EXPECT_EQ(std::string(busyLine) + "\n", printed);
+    {
+        SqliteFile file(files.databasePath());
+        EXPECT_EQ(Rows{}, file.tables());
+        EXPECT_EQ(0, file.userVersion());
+    }
+    EXPECT_EQ("", stderrOf([&] { openDatabase(files); }));
+    SqliteFile file(files.databasePath());
+    EXPECT_EQ(currentTables, file.tables());
+    EXPECT_EQ(4, file.userVersion());
 }
 
 TEST_F(BusyDatabase, WritesBlockedByAWriterFailAsBusy)
@@ -280,13 +308,20 @@ TEST_F(BusyDatabase, ConnectionOpenedWhileLockedStillRefusesABlacklistedKey)
 TEST_F(BusyDatabase, RecordReadsBlockedByAWriterReportBusy)
 {
     files.writeRevocation({}, {});
+    Pki pki;
+    const Identity developer = pki.issue("busy developer", "developer");
     auto database = openDatabase(files);
+    // Every read below would find something if it could read at all.
+    ASSERT_TRUE(database->insertPackage("p", {signedCms(developer)}));
+    ASSERT_EQ(4u, database->packages().size() + database->certificates().size() +
+                      database->activeCertificates().size() +
+                      database->packageCertificates("p").size());
+    ASSERT_TRUE(database->packageExists("p"));
     std::size_t found = 1;
     bool exists = true;
     std::string printed;
     {
-        // Five reads wait in turn, so the lock is held for longer than usual.
-        LockHolder writer(files.databasePath(), writeTransaction, 3 * holdMs);
+        LockHolder writer(files.databasePath(), writeTransaction, holdMs);
         printed = stderrOf([&] {
             found = database->packages().size() + database->certificates().size() +
                     database->activeCertificates().size() +

@@ -194,7 +194,9 @@ TEST_F(DatabaseOpen, UnopenableFileIsReportedAndEveryOperationFails)
     EXPECT_FALSE(database->setVersion(4));
     EXPECT_FALSE(database->insertRevokedKeyid("k", Database::Blacklisted));
     EXPECT_FALSE(database->removeRevokedKeyid("k", Database::Blacklisted));
-    EXPECT_EQ(Database::NotRevoked, database->getKeyidRevocationStatus("k"));
+    // A connection that never opened tells nothing about a key: it is not
+    // let through as clean.
+    EXPECT_EQ(Database::Blacklisted, database->getKeyidRevocationStatus("k"));
     EXPECT_TRUE(database->revokedKeyids().empty());
     EXPECT_FALSE(fileExists(path));
 }
@@ -381,6 +383,55 @@ TEST(Transaction, InnerCommitLeavesTheOutcomeToTheOuterOne)
         EXPECT_EQ(0, sqlite3_get_autocommit(file.handle()));
     }
     EXPECT_EQ(0, file.queryInt("SELECT COUNT(1) FROM t"));
+}
+
+// A transaction whose COMMIT and ROLLBACK both failed (refused here) stays
+// open on the connection, but no Transaction holds it any more. A new
+// Transaction must not join it: its commit() would report writes that the
+// connection never makes. It does not begin at all.
+TEST(Transaction, ATransactionLeftOpenIsNotJoined)
+{
+    TempDir dir;
+    RefusingConnections refusing(
+        {{SQLITE_TRANSACTION, "COMMIT"}, {SQLITE_TRANSACTION, "ROLLBACK"}});
+    SqliteFile file(dir.file("t.db"));
+    file.exec("CREATE TABLE t(x)");
+    {
+        PackageSignatures::Transaction first(file.handle());
+        file.exec("INSERT INTO t VALUES (1)");
+        EXPECT_FALSE(first.commit());
+    }
+    ASSERT_EQ(0, sqlite3_get_autocommit(file.handle()));
+    PackageSignatures::Transaction second(file.handle());
+    EXPECT_FALSE(second.active());
+    EXPECT_EQ(SQLITE_ERROR, second.result());
+    EXPECT_FALSE(second.commit());
+}
+
+// Joining follows the Transaction that is open, on its own connection only.
+TEST(Transaction, OnlyAnOpenTransactionOfTheSameConnectionIsJoined)
+{
+    TempDir dir;
+    SqliteFile file(dir.file("t.db")), other(dir.file("u.db"));
+    file.exec("CREATE TABLE t(x)");
+    other.exec("CREATE TABLE u(x)");
+    {
+        PackageSignatures::Transaction outer(file.handle());
+        {
+            PackageSignatures::Transaction elsewhere(other.handle());
+            other.exec("INSERT INTO u VALUES (1)");
+            EXPECT_TRUE(elsewhere.commit());
+        }
+        EXPECT_EQ(1, sqlite3_get_autocommit(other.handle()));
+        {
+            PackageSignatures::Transaction inner(file.handle());
+            file.exec("INSERT INTO t VALUES (1)");
+            EXPECT_TRUE(inner.commit());
+        }
+        EXPECT_TRUE(outer.commit());
+    }
+    EXPECT_EQ(1, file.queryInt("SELECT COUNT(1) FROM t"));
+    EXPECT_EQ(1, other.queryInt("SELECT COUNT(1) FROM u"));
 }
 
 // The connections here do not wait for locks, so a lock held by another

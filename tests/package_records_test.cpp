@@ -391,6 +391,48 @@ TEST_F(PackageRecords, RefusedSupersedingRollsTheWholePackageBack)
     EXPECT_EQ(Keyids{keyid('b')}, recordedKeyids("p"));
 }
 
+// A lookup that cannot read its table has not found the row absent: adding
+// one then would duplicate a stored certificate or make a second row for a
+// name. Nothing is inserted and the id is 0.
+TEST_F(PackageRecords, AFailedLookupInsertsNothing)
+{
+    const Certificate developer = certificateOf(identity('a'));
+    const sqlite3_int64 stored = database->insertCertificate(developer);
+    ASSERT_NE(0, stored);
+    {
+        RefusingConnections refusing({{SQLITE_READ, "certificates"},
+                                      {SQLITE_READ, "groups"},
+                                      {SQLITE_READ, "subgroups"}});
+        auto refused = open();
+        EXPECT_EQ(0, refused->insertCertificate(developer));
+        EXPECT_EQ(0, refused->insertCertificate(certificateOf(pki->seclab())));
+        EXPECT_EQ(0, refused->insertGroup(Group::Client));
+        EXPECT_EQ(0, refused->insertSubgroup(Subgroup::Mdm));
+        EXPECT_FALSE(refused->insertPackage("p", {signedCms(identity('a'))}));
+    }
+    SqliteFile file(files.databasePath());
+    EXPECT_EQ(Rows{std::to_string(stored)}, file.queryTexts("SELECT id FROM certificates"));
+    EXPECT_EQ(Rows{"developer"}, file.queryTexts("SELECT name FROM groups"));
+    EXPECT_EQ(Rows{"regular"}, file.queryTexts("SELECT name FROM subgroups"));
+    EXPECT_EQ(0, count("packages"));
+}
+
+// A connection left inside a transaction that it could neither commit nor
+// roll back (both refused here, so that the snapshot taken when opening
+// stays open) writes nothing for good any more: recording says so rather
+// than join that transaction and report rows that are lost at close.
+TEST_F(PackageRecords, AConnectionLeftInsideATransactionRecordsNothingAndSaysSo)
+{
+    {
+        RefusingConnections refusing(
+            {{SQLITE_TRANSACTION, "COMMIT"}, {SQLITE_TRANSACTION, "ROLLBACK"}});
+        auto stuck = open();
+        EXPECT_FALSE(stuck->insertPackage("p", {signedCms(identity('a'))}));
+        EXPECT_FALSE(stuck->updateRevokedKeyids());
+    }
+    EXPECT_EQ(0, count("packages"));
+}
+
 TEST_F(PackageRecords, FailedCommitReportsFailureAndKeepsTheOldRows)
 {
     ASSERT_TRUE(database->insertPackage("p", {signedCms(identity('a'))}));

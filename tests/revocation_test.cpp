@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <iostream>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include <sealkeep/database.hpp>
 
@@ -22,7 +25,9 @@ protected:
     TrustFiles files;
     std::unique_ptr<Database> database;
 
-    void SetUp() override
+    void SetUp() override { reopen(); }
+
+    void reopen()
     {
         database = std::make_unique<Database>(files.databasePath(), files.confPath());
     }
@@ -117,6 +122,69 @@ TEST_F(Revocation, KeyidsAreComparedExactly)
     EXPECT_EQ(Database::NotRevoked, database->getKeyidRevocationStatus("ABCDEF"));
     EXPECT_EQ(Database::NotRevoked, database->getKeyidRevocationStatus("abcde"));
     EXPECT_EQ(Database::NotRevoked, database->getKeyidRevocationStatus("abcdef "));
+}
+
+// A status comes from a row or from the end of the query. Only a file whose
+// schema lacks the table or its type column records no revocation at all;
+// any other read that fails is no evidence that a key is clean, and reads as
+// the strongest revocation.
+TEST_F(Revocation, AFileWithoutTheTableOrItsTypeColumnRevokesNothing)
+{
+    const std::vector<std::vector<std::string>> layouts{
+        {"CREATE TABLE unrelated(x)"},
+        // Rows of an older layout, which carry no type.
+        {"CREATE TABLE revoked_keyids(id INTEGER PRIMARY KEY, keyid TEXT)",
+         "INSERT INTO revoked_keyids (keyid) VALUES ('k')"}};
+    for (auto const& layout : layouts) {
+        SCOPED_TRACE(layout.front());
+        database.reset();
+        std::remove(files.databasePath().c_str());
+        {
+            SqliteFile file(files.databasePath());
+            for (std::string const& sql : layout)
+                file.exec(sql);
+            // A version this library leaves as it is.
+            file.exec("PRAGMA user_version = 9");
+        }
+        stderrOf([&] { reopen(); });
+        EXPECT_EQ(Database::NotRevoked, database->getKeyidRevocationStatus("k"));
+    }
+}
+
+TEST_F(Revocation, AFileThatIsNotADatabaseRevokesEveryKey)
+{
+    database.reset();
+    writeText(files.databasePath(), std::string(4096, 'x'));
+    stderrOf([&] { reopen(); });
+    EXPECT_EQ(Database::Blacklisted, database->getKeyidRevocationStatus("k"));
+}
+
+TEST_F(Revocation, AStatusThatIsRefusedReadsBlacklisted)
+{
+    RefusingConnections refusing({{SQLITE_READ, "revoked_keyids"}});
+    auto refused = std::make_unique<Database>(files.databasePath(), files.confPath());
+    EXPECT_EQ(Database::Blacklisted, refused->getKeyidRevocationStatus("k"));
+}
+
+// While set, every statement of the connections hooked below is interrupted.
+bool interrupting = false;
+
+TEST_F(Revocation, AStatusWhoseReadIsInterruptedReadsBlacklisted)
+{
+    ConnectionHook interruptible([](sqlite3* db) {
+        sqlite3_progress_handler(db, 1, [](void*) { return interrupting ? 1 : 0; }, nullptr);
+    });
+    auto connection = std::make_unique<Database>(files.databasePath(), files.confPath());
+    ASSERT_TRUE(connection->insertRevokedKeyid("s", Database::Superseded));
+    ASSERT_EQ(Database::NotRevoked, connection->getKeyidRevocationStatus("k"));
+    interrupting = true;
+    const int absent = connection->getKeyidRevocationStatus("k");
+    const int superseded = connection->getKeyidRevocationStatus("s");
+    interrupting = false;
+    EXPECT_EQ(Database::Blacklisted, absent);
+    EXPECT_EQ(Database::Blacklisted, superseded);
+    EXPECT_EQ(Database::NotRevoked, connection->getKeyidRevocationStatus("k"));
+    EXPECT_EQ(Database::Superseded, connection->getKeyidRevocationStatus("s"));
 }
 
 TEST_F(Revocation, RevokedKeyidsListsBothTypes)

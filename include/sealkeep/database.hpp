@@ -35,16 +35,20 @@ namespace PackageSignatures {
 // reads and what it writes, and it cannot fail half-way for want of the lock.
 // Deferred takes locks only as its statements need them.
 //
-// A Transaction opened while another one is open on the connection joins it:
-// it begins nothing, its commit() leaves the outcome to the outer one, and
-// its destruction without commit() rolls the outer one back.
+// A Transaction opened while another Transaction of the same thread holds a
+// transaction open on the connection joins it: it begins nothing, its
+// commit() leaves the outcome to the outer one, and its destruction without
+// commit() rolls the outer one back. A transaction that no Transaction holds
+// (one whose COMMIT and ROLLBACK both failed) is never joined: BEGIN then
+// fails, and the new Transaction is not active.
 class Transaction {
 public:
     enum Mode { Deferred, Immediate };
 
     explicit Transaction(sqlite3* db, Mode mode = Deferred)
-        : db_(db), joined_(db != nullptr && sqlite3_get_autocommit(db) == 0)
+        : db_(db), joined_(heldOpen(db)), outer_(innermost_)
     {
+        innermost_ = this;
         if (!joined_)
             result_ = sqlite3_exec(db_, mode == Immediate ? "BEGIN IMMEDIATE" : "BEGIN TRANSACTION",
                                    nullptr, nullptr, nullptr);
@@ -54,6 +58,11 @@ public:
     {
         if (open_)
             sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        for (Transaction** link = &innermost_; *link; link = &(*link)->outer_)
+            if (*link == this) {
+                *link = outer_;
+                break;
+            }
     }
     Transaction(Transaction const&) = delete;
     Transaction& operator=(Transaction const&) = delete;
@@ -84,8 +93,27 @@ public:
     int result() const { return result_; }
 
 private:
+    // Whether a Transaction of this thread holds a transaction open on db.
+    // The connection's own state is not enough: it is also inside a
+    // transaction when a ROLLBACK failed, and writes joined to that one would
+    // be lost.
+    static bool heldOpen(sqlite3* db)
+    {
+        if (db == nullptr || sqlite3_get_autocommit(db) != 0)
+            return false;
+        for (Transaction const* open = innermost_; open; open = open->outer_)
+            if (open->db_ == db && open->open_)
+                return true;
+        return false;
+    }
+
+    // The Transactions alive on this thread, innermost first: one object is
+    // used by one thread at a time, and a scoped guard stays on its thread.
+    static inline thread_local Transaction* innermost_ = nullptr;
+
     sqlite3* db_;
     bool joined_;
+    Transaction* outer_;
     bool open_ = false;
     int result_ = SQLITE_OK;
 };
@@ -142,7 +170,9 @@ public:
     // Key revocation. A blacklisting is never lowered by an insert.
     bool insertRevokedKeyid(std::string_view keyid, RevocationType type);
     bool removeRevokedKeyid(std::string_view keyid, RevocationType type);
-    // NotRevoked, Superseded or Blacklisted.
+    // NotRevoked, Superseded or Blacklisted. A status that cannot be read
+    // is Blacklisted, except in a file whose schema lacks the table (or its
+    // type column), which records no revocation: NotRevoked.
     int getKeyidRevocationStatus(std::string_view keyid);
     std::vector<std::string> revokedKeyids();
     bool processKeyidsFromFile(std::string_view path, std::string_view group,
@@ -185,6 +215,7 @@ public:
     // Package admission, consulted before a developer-signed package is
     // installed or updated. Only the first signature of cmses counts, and only
     // when a developer made it. The last argument is accepted and not used.
+    // developerMatch is false when what is installed cannot be read.
     bool developerMatch(std::string_view package, Cms const& cms);
     PackageCheckResult checkPackage(std::string_view package, std::vector<Cms> const& cmses,
                                     bool unused);
@@ -195,10 +226,17 @@ private:
 
     // The prepared statement cached under key, prepared from sql on first
     // use (or again after a failed preparation); null when it does not
-    // prepare. The caller resets it when done with it.
+    // prepare, which is reported when the database was busy. The caller
+    // resets it when done with it.
     sqlite3_stmt* cachedStatement(int key, std::string_view sql);
+    // The same; result receives why a preparation made now failed
+    // (SQLITE_OK when the statement is there).
+    sqlite3_stmt* cachedStatement(int key, std::string_view sql, int& result);
     // The one migration step that starts from version.
     bool migrateFrom(int version);
+    // Looks package up: true when the lookup gave an answer, which is then
+    // in recorded; false when the read failed, which says nothing either way.
+    bool readPackageExists(std::string_view package, bool& recorded);
 };
 
 }  // namespace PackageSignatures

@@ -4,10 +4,13 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cerrno>
 #include <stdexcept>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sqlite3.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -78,9 +81,18 @@ void StartGate::open()
 
 namespace {
 
+// Waits until the parent writes to (or closes) release, or holdMs pass.
+void awaitRelease(int release, int holdMs)
+{
+    pollfd wanted{release, POLLIN, 0};
+    while (poll(&wanted, 1, holdMs) < 0 && errno == EINTR) {
+    }
+}
+
 // The child's part of LockHolder: 0 when the lock was taken, held and given
 // back; the readiness byte is written only once the lock is held.
-int holdLock(std::string const& path, std::string const& beginSql, int holdMs, int ready)
+int holdLock(std::string const& path, std::string const& beginSql, int holdMs, int ready,
+             int release)
 {
     sqlite3* db = nullptr;
     int code = 1;
@@ -89,7 +101,7 @@ int holdLock(std::string const& path, std::string const& beginSql, int holdMs, i
         sqlite3_exec(db, beginSql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK) {
         const char byte = 1;
         if (write(ready, &byte, 1) == 1) {
-            usleep(static_cast<useconds_t>(holdMs) * 1000);
+            awaitRelease(release, holdMs);
             code = sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : 2;
         }
     }
@@ -101,9 +113,14 @@ int holdLock(std::string const& path, std::string const& beginSql, int holdMs, i
 
 LockHolder::LockHolder(std::string const& path, std::string const& beginSql, int holdMs)
 {
-    int ready[2];
+    int ready[2], release[2];
     if (pipe(ready) != 0)
         throw std::runtime_error("pipe failed");
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, release) != 0) {
+        close(ready[0]);
+        close(ready[1]);
+        throw std::runtime_error("socketpair failed");
+    }
     fflush(nullptr);
     pid_ = fork();
     if (pid_ < 0)
@@ -111,9 +128,12 @@ LockHolder::LockHolder(std::string const& path, std::string const& beginSql, int
     if (pid_ == 0) {
         alarm(30);
         close(ready[0]);
-        _exit(holdLock(path, beginSql, holdMs, ready[1]));
+        close(release[1]);
+        _exit(holdLock(path, beginSql, holdMs, ready[1], release[0]));
     }
     close(ready[1]);
+    close(release[0]);
+    release_ = release[1];
     char byte = 0;
     const bool held = read(ready[0], &byte, 1) == 1;
     close(ready[0]);
@@ -131,6 +151,12 @@ LockHolder::~LockHolder()
 bool LockHolder::finish()
 {
     if (!finished_) {
+        // A byte, not only the end of file, since children forked meanwhile
+        // hold copies of this end; no SIGPIPE when the child has already
+        // let go on its own.
+        const char byte = 1;
+        send(release_, &byte, 1, MSG_NOSIGNAL);
+        close(release_);
         int status = 0;
         waitpid(pid_, &status, 0);
         finished_ = true;

@@ -45,22 +45,27 @@ private:
 
 // A child process that opens its own connection to path, runs beginSql (a
 // transaction that takes a lock: "BEGIN EXCLUSIVE", or a read transaction
-// such as "BEGIN; SELECT COUNT(1) FROM sqlite_master") and keeps the lock for
-// holdMs before it ends the transaction. The constructor returns once the
-// lock is held.
+// such as "BEGIN; SELECT COUNT(1) FROM sqlite_master") and keeps the lock
+// until finish() tells it to let go, or for holdMs at most, before it ends
+// the transaction. The constructor returns once the lock is held. A test
+// that must see the lock held throughout calls finish() when it is done, so
+// that a slow machine cannot have the lock go away in the middle.
 class LockHolder {
 public:
     LockHolder(std::string const& path, std::string const& beginSql, int holdMs);
-    // Waits for the child to end.
+    // Same as finish().
     ~LockHolder();
     LockHolder(LockHolder const&) = delete;
     LockHolder& operator=(LockHolder const&) = delete;
 
-    // Waits for the child; true when it held the lock and ended cleanly.
+    // Has the child let go of the lock now and waits for it; true when it
+    // held the lock and ended cleanly.
     bool finish();
 
 private:
     pid_t pid_ = -1;
+    // The write end of the pipe on which the child waits to let go.
+    int release_ = -1;
     bool finished_ = false;
     bool clean_ = false;
 };

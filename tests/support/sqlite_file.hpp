@@ -78,7 +78,8 @@ public:
 };
 
 // An authorizer rule: refuse one action on one object: the table for
-// SQLITE_CREATE_TABLE, SQLITE_DROP_TABLE, SQLITE_INSERT and SQLITE_ALTER_TABLE;
+// SQLITE_CREATE_TABLE, SQLITE_DROP_TABLE, SQLITE_INSERT, SQLITE_ALTER_TABLE and
+// SQLITE_READ (a statement that reads the table then does not prepare);
 // for SQLITE_PRAGMA the pragma name when it reads its value ("user_version")
 // or name=value when it sets one ("user_version=4").
 struct Refusal {
