@@ -1,6 +1,6 @@
 #include "support/sealkeep_command.hpp"
 
-// Without the built command, the one on PATH.
+// Without the command's test installation, the one on PATH.
 #ifndef SEALKEEP_CLI
 #define SEALKEEP_CLI "sealkeep"
 #endif

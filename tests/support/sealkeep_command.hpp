@@ -1,5 +1,6 @@
-// Running the built sealkeep command as a person would: from a shell in a
-// working directory, with plain arguments.
+// Running the sealkeep command as a person would: the installed executable
+// (the test fixture installs the build tree first), from a shell in a working
+// directory, with plain arguments and no library path in the environment.
 #ifndef SEALKEEP_TESTS_SUPPORT_SEALKEEP_COMMAND_HPP
 #define SEALKEEP_TESTS_SUPPORT_SEALKEEP_COMMAND_HPP
 
