@@ -137,6 +137,26 @@ TEST_F(CliPackages, InspectOfAnUnsignedFileAndOfAMissingOne)
     EXPECT_EQ(missing.errors, "sealkeep: missing.rpm: cannot open: No such file or directory\n");
 }
 
+// A Latin-1 file name is no UTF-8: the JSON carries U+FFFD in its place, and
+// the text output the name's own bytes.
+TEST_F(CliPackages, JsonOfAPathThatIsNotUtf8)
+{
+    std::string package = signedPackage("caf\xe9.rpm");
+    std::string shown = "caf\xef\xbf\xbd.rpm";
+    auto inspected = run({"inspect", package, "--json"});
+    EXPECT_EQ(inspected.exitCode, 0) << inspected.errors;
+    EXPECT_EQ(inspected.errors, "");
+    EXPECT_EQ(json::parse(inspected.output)["path"], work.file(shown));
+
+    auto verified = run({"verify", package, "--ca", pki->ca().certPath, "--json"});
+    EXPECT_EQ(verified.exitCode, 0) << verified.errors;
+    EXPECT_EQ(verified.errors, "");
+    EXPECT_EQ(json::parse(verified.output)["packages"][0]["path"], work.file(shown));
+
+    auto text = run({"verify", package, "--ca", pki->ca().certPath});
+    EXPECT_EQ(text.output, package + ": verified (3 signatures)\n");
+}
+
 // ---------------------------------------------------------------------------
 // verify
 

@@ -16,6 +16,7 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "json_output.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -201,7 +202,7 @@ int runStatus(DbOptions const& options, Place const& place, Database& db)
                              {"superseded_keyids", superseded},
                              {"blacklisted_keyids", blacklisted}};
     if (options.json) {
-        printLine(status.dump(2));
+        printJson(status);
         return statusOk;
     }
     printLine("configuration: " + place.confPath);
@@ -272,7 +273,7 @@ int runCheck(DbOptions const& options, Place const& place, Database& db)
     if (!cmses)
         return statusFailed;
     nlohmann::json result = admission(db, options.name, *cmses);
-    printLine(options.json ? result.dump(2) : admissionLine(result));
+    printLine(options.json ? jsonText(result) : admissionLine(result));
     return result["code"] == PackageSignatures::Accepted ? statusOk : statusFailed;
 }
 
@@ -316,7 +317,7 @@ int runList(DbOptions const& options, Place const& /*place*/, Database& db)
         packages.push_back({{"name", name}, {"signers", signers}});
     }
     if (options.json) {
-        printLine(nlohmann::json{{"packages", packages}}.dump(2));
+        printJson({{"packages", packages}});
         return statusOk;
     }
     for (auto const& package : packages) {
@@ -333,7 +334,7 @@ int runCertificates(DbOptions const& options, Place const& /*place*/, Database& 
     for (auto const& certificate : options.active ? db.activeCertificates() : db.certificates())
         certificates.push_back(certificateJson(certificate));
     if (options.json) {
-        printLine(nlohmann::json{{"certificates", certificates}}.dump(2));
+        printJson({{"certificates", certificates}});
         return statusOk;
     }
     for (auto const& certificate : certificates)
@@ -374,7 +375,7 @@ int runRevoked(DbOptions const& options, Place const& /*place*/, Database& db)
     for (auto const& keyid : db.revokedKeyids())
         keyids.push_back({{"keyid", keyid}, {"type", revocationName(db.getKeyidRevocationStatus(keyid))}});
     if (options.json) {
-        printLine(nlohmann::json{{"revoked", keyids}}.dump(2));
+        printJson({{"revoked", keyids}});
         return statusOk;
     }
     for (auto const& keyid : keyids)
@@ -397,7 +398,7 @@ int runSync(DbOptions const& /*options*/, Place const& place, Database& db)
 int runDeveloperMode(DbOptions const& options, Place const& place, Database& db)
 {
     nlohmann::json mode = developerModeJson(db, place);
-    printLine(options.json ? mode.dump(2) : developerModeLine(mode));
+    printLine(options.json ? jsonText(mode) : developerModeLine(mode));
     return statusOk;
 }
 

@@ -20,6 +20,7 @@
 
 #include "block_layout.hpp"
 #include "cli.hpp"
+#include "json_output.hpp"
 #include "owned.hpp"
 #include "package_files.hpp"
 #include "signature_records.hpp"
@@ -261,7 +262,7 @@ int runInspect(InspectOptions const& options)
     }
     json description = describePackage(options.package, *file, *layout, options.files);
     if (options.json) {
-        printLine(description.dump(2));
+        printJson(description);
         return statusOk;
     }
     json const& blocks = description["blocks"];

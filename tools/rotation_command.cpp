@@ -10,6 +10,7 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "json_output.hpp"
 #include "owned.hpp"
 
 namespace sealkeep::cli {
@@ -72,7 +73,7 @@ int runShow(ShowOptions const& options)
         rotations.push_back({{"old", describeCertificate(rotation->oldCertificate())},
                              {"new", describeCertificate(rotation->newCertificate())}});
     if (options.json) {
-        printLine(json{{"path", options.chain}, {"verified", verified}, {"rotations", rotations}}.dump(2));
+        printJson({{"path", options.chain}, {"verified", verified}, {"rotations", rotations}});
     } else {
         printLine(options.chain + ": " + countOf(rotations.size(), "rotation") + ", " +
                   (verified ? "every proof verifies" : "DOES NOT VERIFY"));

@@ -11,6 +11,7 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "json_output.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -117,7 +118,7 @@ int runVerify(VerifyOptions const& options)
         packages.push_back(std::move(result));
     }
     if (options.json)
-        printLine(nlohmann::json{{"packages", packages}}.dump(2));
+        printJson({{"packages", packages}});
     return allVerified ? statusOk : statusFailed;
 }
 
