@@ -9,7 +9,6 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include <sys/stat.h>
 #include <openssl/bio.h>
 #include <openssl/buffer.h>
 #include <openssl/cms.h>
@@ -18,7 +17,6 @@
 
 #include <sealkeep/sealkeep.hpp>
 
-#include "block_layout.hpp"
 #include "cli.hpp"
 #include "json_output.hpp"
 #include "owned.hpp"
@@ -161,24 +159,31 @@ json describeFileSignatures(Cms const& cms, int which, std::vector<std::string> 
     return entries;
 }
 
-json describePackage(std::string const& path, PackageSignatures::FileWithCmses& file,
-                     std::vector<BlockLayout> const& layout, bool withFiles)
+json coveredJson(PackageSignatures::BlockLocation const& at)
 {
+    if (!at.covered)
+        return nullptr;
+    return {{"begin", at.coveredBegin}, {"end", at.coveredEnd}};
+}
+
+json describePackage(std::string const& path, PackageSignatures::FileWithCmses& file, bool withFiles)
+{
+    // Both lists come from the library's one bounded scan, block for block in
+    // the same order.
     std::vector<Cms> cmses = file.cmses();
-    // isRpmPackage() never returns on a file shorter than its 4-byte magic.
-    struct stat status {};
-    const bool rpm = fstat(file.fd(), &status) == 0 && status.st_size >= 4 && file.isRpmPackage();
+    std::vector<PackageSignatures::BlockLocation> locations = file.blockLocations();
+    const bool rpm = hasRpmLead(file.fd());
     std::vector<std::string> names = rpm ? packageFileNames(path) : std::vector<std::string>{};
     json blocks = json::array();
-    for (std::size_t i = 0; i < cmses.size() && i < layout.size(); ++i) {
-        BlockLayout const& at = layout[i];
+    for (std::size_t i = 0; i < cmses.size() && i < locations.size(); ++i) {
+        PackageSignatures::BlockLocation const& at = locations[i];
         json files = describeFileSignatures(cmses[i], 0, names);
         json block = {{"index", i + 1},
                       {"version", at.version},
                       {"begin", at.begin},
                       {"end", at.end},
                       {"length", at.end - at.begin},
-                      {"covered", {{"begin", at.coveredBegin}, {"end", at.coveredEnd}}},
+                      {"covered", coveredJson(at)},
                       {"signer", describeSigner(cmses[i])},
                       {"rotationChain", describeRotations(cmses[i])},
                       {"fileSignatures", {{"count", files.size()}}},
@@ -193,6 +198,14 @@ json describePackage(std::string const& path, PackageSignatures::FileWithCmses& 
 std::string rangeText(json const& from, json const& to)
 {
     return std::to_string(from.get<long long>()) + ".." + std::to_string(to.get<long long>());
+}
+
+// A later block of a version that tells no range signs bytes nobody can name.
+std::string coveredText(json const& covered)
+{
+    if (covered.is_null())
+        return "signs no range this command knows (unknown block version)";
+    return "signs bytes " + rangeText(covered["begin"], covered["end"]);
 }
 
 void printSigner(json const& signer)
@@ -216,7 +229,7 @@ void printBlock(json const& block, bool withFiles)
     printLine("block " + std::to_string(block["index"].get<int>()) + ": version " +
               std::to_string(block["version"].get<unsigned>()) + ", CMS at " +
               rangeText(block["begin"], block["end"]) + " (" + std::to_string(block["length"].get<long long>()) +
-              " bytes), signs bytes " + rangeText(block["covered"]["begin"], block["covered"]["end"]));
+              " bytes), " + coveredText(block["covered"]));
     printSigner(block["signer"]);
     json const& rotations = block["rotationChain"];
     if (rotations.empty()) {
@@ -255,12 +268,11 @@ void printBlock(json const& block, bool withFiles)
 int runInspect(InspectOptions const& options)
 {
     auto file = PackageSignatures::FileWithCmses::fromPath(options.package.c_str(), "r");
-    auto layout = readBlockLayout(options.package);
-    if (!file || !layout) {
+    if (!file) {
         reportFailure(options.package, "cannot open: " + systemReason());
         return statusFailed;
     }
-    json description = describePackage(options.package, *file, *layout, options.files);
+    json description = describePackage(options.package, *file, options.files);
     if (options.json) {
         printJson(description);
         return statusOk;

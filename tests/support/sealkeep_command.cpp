@@ -15,12 +15,26 @@ std::string shellQuoted(std::string const& text)
     return quoted + "'";
 }
 
-CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const& args)
+namespace {
+
+CommandResult runIn(std::string const& dir, std::string const& prefix, std::vector<std::string> const& args)
 {
-    std::string line = "cd " + shellQuoted(dir) + " && exec " + shellQuoted(SEALKEEP_CLI);
+    std::string line = "cd " + shellQuoted(dir) + " && exec " + prefix + shellQuoted(SEALKEEP_CLI);
     for (auto const& arg : args)
         line += " " + shellQuoted(arg);
     return runShell(line);
+}
+
+}  // namespace
+
+CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const& args)
+{
+    return runIn(dir, "", args);
+}
+
+CommandResult runSealkeepWithin(int seconds, std::string const& dir, std::vector<std::string> const& args)
+{
+    return runIn(dir, "timeout -s KILL " + std::to_string(seconds) + " ", args);
 }
 
 }  // namespace sealkeep::test

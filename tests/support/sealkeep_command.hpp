@@ -13,6 +13,9 @@ namespace sealkeep::test {
 
 // Runs `sealkeep args...` in dir.
 CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const& args);
+// The same, killed after seconds (exit code 137 then), for inputs that must
+// not make the command run on.
+CommandResult runSealkeepWithin(int seconds, std::string const& dir, std::vector<std::string> const& args);
 // The text as one shell word.
 std::string shellQuoted(std::string const& text);
 
