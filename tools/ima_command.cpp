@@ -25,11 +25,10 @@
 #include "cli.hpp"
 #include "owned.hpp"
 #include "package_files.hpp"
+#include "signature_records.hpp"
 
 namespace sealkeep::cli {
 namespace {
-
-constexpr std::size_t imaHeaderSize = 9;
 
 struct ImaOptions {
     std::string package;
@@ -37,25 +36,6 @@ struct ImaOptions {
     bool xattrUser = false;
     bool dryRun = false;
 };
-
-// The digest a record's hash-algorithm byte (the kernel's enum hash_algo)
-// names; null for one this command does not verify.
-EVP_MD const* digestOfRecord(unsigned char number)
-{
-    switch (number) {
-    case 0: return EVP_get_digestbynid(NID_md4);
-    case 1: return EVP_get_digestbynid(NID_md5);
-    case 2: return EVP_get_digestbynid(NID_sha1);
-    case 3: return EVP_get_digestbynid(NID_ripemd160);
-    case 4: return EVP_get_digestbynid(NID_sha256);
-    case 5: return EVP_get_digestbynid(NID_sha384);
-    case 6: return EVP_get_digestbynid(NID_sha512);
-    case 7: return EVP_get_digestbynid(NID_sha224);
-    case 18: return EVP_get_digestbynid(NID_id_GostR3411_2012_256);
-    case 19: return EVP_get_digestbynid(NID_id_GostR3411_2012_512);
-    default: return nullptr;
-    }
-}
 
 // The digest of the file's content; nothing when it cannot be read.
 std::optional<std::vector<unsigned char>> fileDigest(std::string const& path, EVP_MD const* md)
@@ -83,16 +63,14 @@ std::optional<std::vector<unsigned char>> fileDigest(std::string const& path, EV
 // Why the file at path may not carry record, signed by key; empty when it
 // may: the record's signature must verify over the digest of the content
 // found there now.
-std::string refusalOf(std::string const& path, std::vector<unsigned char> const& record, EVP_PKEY* key)
+std::string refusalOf(std::string const& path, std::vector<unsigned char> const& bytes, EVP_PKEY* key)
 {
-    if (record.size() < imaHeaderSize || record[0] != 3 || record[1] != 2)
-        return "the package's record for it is not an IMA signature";
-    EVP_MD const* md = digestOfRecord(record[2]);
+    auto record = decodeImaRecord(bytes.data(), bytes.size());
+    if (!record)
+        return "the package's record for it is not an IMA signature record";
+    EVP_MD const* md = record->hashNid == NID_undef ? nullptr : EVP_get_digestbynid(record->hashNid);
     if (!md)
-        return "the record's hash algorithm " + std::to_string(record[2]) + " is not supported";
-    std::size_t signatureSize = (std::size_t{record[7]} << 8) | record[8];
-    if (record.size() != imaHeaderSize + signatureSize)
-        return "the package's record for it is truncated";
+        return "the record's hash algorithm " + record->hashAlgorithm + " is not supported";
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0)
         return errno == ENOENT ? "missing" : "cannot read: " + systemReason();
@@ -105,7 +83,7 @@ std::string refusalOf(std::string const& path, std::vector<unsigned char> const&
     if (!context || EVP_PKEY_verify_init(context.get()) != 1 ||
         EVP_PKEY_CTX_set_signature_md(context.get(), md) != 1)
         return "cannot verify its signature";
-    if (EVP_PKEY_verify(context.get(), record.data() + imaHeaderSize, signatureSize, digest->data(),
+    if (EVP_PKEY_verify(context.get(), record->signature.data(), record->signature.size(), digest->data(),
                         digest->size()) != 1)
         return "changed since it was signed";
     return {};
