@@ -2,13 +2,14 @@
 // developer signature onto the files the package installed under a root
 // directory, as the extended attribute the kernel (or evmctl) reads. A file
 // gets its value only when its content still matches the signed digest, so
-// that a changed file is never labelled as the developer's.
-#include <sys/stat.h>
+// that a changed file is never labelled as the developer's. Each file is
+// reached from the root without following links, and checked and labelled
+// through the same descriptor.
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,6 +26,7 @@
 #include "cli.hpp"
 #include "owned.hpp"
 #include "package_files.hpp"
+#include "rooted_file.hpp"
 #include "signature_records.hpp"
 
 namespace sealkeep::cli {
@@ -37,21 +39,25 @@ struct ImaOptions {
     bool dryRun = false;
 };
 
-// The digest of the file's content; nothing when it cannot be read.
-std::optional<std::vector<unsigned char>> fileDigest(std::string const& path, EVP_MD const* md)
+// The digest of what remains to be read from fd; nothing (errno set) when it
+// cannot be read.
+std::optional<std::vector<unsigned char>> fileDigest(int fd, EVP_MD const* md)
 {
-    std::ifstream in(path, std::ios::binary);
     MdCtxPtr context(EVP_MD_CTX_new());
-    if (!in || !context || EVP_DigestInit_ex(context.get(), md, nullptr) != 1)
+    if (!context || EVP_DigestInit_ex(context.get(), md, nullptr) != 1)
         return std::nullopt;
-    std::array<char, 65536> buffer;
-    while (in) {
-        in.read(buffer.data(), buffer.size());
-        if (in.gcount() > 0 && EVP_DigestUpdate(context.get(), buffer.data(), in.gcount()) != 1)
+    std::array<unsigned char, 65536> buffer;
+    for (;;) {
+        ssize_t got = read(fd, buffer.data(), buffer.size());
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return std::nullopt;
+        if (got == 0)
+            break;
+        if (EVP_DigestUpdate(context.get(), buffer.data(), static_cast<std::size_t>(got)) != 1)
             return std::nullopt;
     }
-    if (in.bad())
-        return std::nullopt;
     std::vector<unsigned char> digest(EVP_MAX_MD_SIZE);
     unsigned int length = 0;
     if (EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1)
@@ -60,10 +66,10 @@ std::optional<std::vector<unsigned char>> fileDigest(std::string const& path, EV
     return digest;
 }
 
-// Why the file at path may not carry record, signed by key; empty when it
-// may: the record's signature must verify over the digest of the content
-// found there now.
-std::string refusalOf(std::string const& path, std::vector<unsigned char> const& bytes, EVP_PKEY* key)
+// Why the open file fd may not carry the record bytes, signed by key; empty
+// when it may: the record's signature must verify over the digest of the
+// content found there now.
+std::string refusalOf(int fd, std::vector<unsigned char> const& bytes, EVP_PKEY* key)
 {
     auto record = decodeImaRecord(bytes.data(), bytes.size());
     if (!record)
@@ -71,12 +77,7 @@ std::string refusalOf(std::string const& path, std::vector<unsigned char> const&
     EVP_MD const* md = record->hashNid == NID_undef ? nullptr : EVP_get_digestbynid(record->hashNid);
     if (!md)
         return "the record's hash algorithm " + record->hashAlgorithm + " is not supported";
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0)
-        return errno == ENOENT ? "missing" : "cannot read: " + systemReason();
-    if (!S_ISREG(status.st_mode))
-        return "not a regular file";
-    auto digest = fileDigest(path, md);
+    auto digest = fileDigest(fd, md);
     if (!digest)
         return "cannot read: " + systemReason();
     PkeyCtxPtr context(EVP_PKEY_CTX_new(key, nullptr));
@@ -112,6 +113,11 @@ int runApply(ImaOptions const& options)
         reportFailure(options.package, "not an RPM package, or one without files");
         return statusFailed;
     }
+    UniqueFd root = openRoot(options.root);
+    if (!root) {
+        reportFailure(options.root, "cannot open the root directory: " + systemReason());
+        return statusFailed;
+    }
     char const* attribute = options.xattrUser ? "user.ima" : "security.ima";
     std::size_t written = 0;
     std::size_t refused = 0;
@@ -119,14 +125,12 @@ int runApply(ImaOptions const& options)
         std::vector<unsigned char> record = developer->fileSignature(static_cast<int>(index));
         if (record.empty())
             continue;
-        // Header paths are absolute; one that climbs out of the root is not followed.
-        if (names[index].find("/../") != std::string::npos) {
-            reportFailure(names[index], "the path leaves the root");
-            ++refused;
-            continue;
-        }
+        // The file is checked and labelled through one descriptor, reached
+        // from the root without following any link: what is labelled is
+        // what was checked, and nothing outside the root.
         std::string path = options.root + names[index];
-        std::string refusal = refusalOf(path, record, key.get());
+        RootedFile file = openUnderRoot(root.get(), names[index]);
+        std::string refusal = file.fd ? refusalOf(file.fd.get(), record, key.get()) : file.refusal;
         if (!refusal.empty()) {
             reportFailure(path, refusal);
             ++refused;
@@ -137,7 +141,7 @@ int runApply(ImaOptions const& options)
             ++written;
             continue;
         }
-        if (lsetxattr(path.c_str(), attribute, record.data(), record.size(), 0) != 0) {
+        if (fsetxattr(file.fd.get(), attribute, record.data(), record.size(), 0) != 0) {
             reportFailure(path, std::string("cannot set ") + attribute + ": " + systemReason());
             ++refused;
             continue;
