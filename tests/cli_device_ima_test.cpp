@@ -194,6 +194,16 @@ TEST_F(CliDeviceIma, ARootThatCannotBeOpenedIsReported)
     EXPECT_EQ(applied.output, "");
 }
 
+TEST_F(CliDeviceIma, ADeveloperSignatureWithoutFileSignaturesIsRefused)
+{
+    std::string plain = freshPackage("plain.rpm");
+    ASSERT_EQ(signAs(pki->developer(), plain, {"--no-file-signatures"}).exitCode, 0);
+    auto result = run({"ima", "apply", plain, "--root", root, "--xattr-user"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.errors, "sealkeep: " + plain + ": the developer signature carries no per-file IMA signatures\n");
+    EXPECT_EQ(result.output, "");
+}
+
 TEST_F(CliDeviceIma, PackageWithoutDeveloperSignatureIsRefused)
 {
     std::string plain = freshPackage("plain.rpm");

@@ -27,6 +27,7 @@
 #include "owned.hpp"
 #include "package_files.hpp"
 #include "rooted_file.hpp"
+#include "signed_attributes.hpp"
 #include "signature_records.hpp"
 
 namespace sealkeep::cli {
@@ -100,6 +101,12 @@ int runApply(ImaOptions const& options)
     auto developer = PackageSignatures::developerCmsFromVector(file->cmses());
     if (!developer) {
         reportFailure(options.package, "no developer signature");
+        return statusFailed;
+    }
+    // Signed without per-file signatures, the package has nothing to apply;
+    // saying so beats labelling no file and reporting success.
+    if (!hasSignedAttribute(developer->parsed(), "packageFileSignatures")) {
+        reportFailure(options.package, "the developer signature carries no per-file IMA signatures");
         return statusFailed;
     }
     auto certificate = developer->certificate();

@@ -21,6 +21,7 @@
 #include "json_output.hpp"
 #include "owned.hpp"
 #include "package_files.hpp"
+#include "signed_attributes.hpp"
 #include "signature_records.hpp"
 
 namespace sealkeep::cli {
@@ -53,13 +54,6 @@ std::string nameText(X509_NAME const* name)
     BUF_MEM* buffer = nullptr;
     BIO_get_mem_ptr(bio.get(), &buffer);
     return std::string(buffer->data, buffer->length);
-}
-
-// A signature of this library has exactly one signer.
-CMS_SignerInfo* onlySigner(CMS_ContentInfo* cms)
-{
-    STACK_OF(CMS_SignerInfo)* signers = cms ? CMS_get0_SignerInfos(cms) : nullptr;
-    return signers && sk_CMS_SignerInfo_num(signers) > 0 ? sk_CMS_SignerInfo_value(signers, 0) : nullptr;
 }
 
 // The signingTime attribute of the only signer; empty when absent.
@@ -110,16 +104,6 @@ json describeRotations(Cms const& cms)
 std::string fileName(std::vector<std::string> const& names, long index)
 {
     return index >= 0 && static_cast<std::size_t>(index) < names.size() ? names[index] : "";
-}
-
-// Whether the signer signed the attribute the library registered under
-// shortName when it was loaded. Countersignatures carry no per-file tables,
-// and asking the library for an absent one prints a complaint.
-bool hasSignedAttribute(CMS_ContentInfo* cms, char const* shortName)
-{
-    CMS_SignerInfo* signer = onlySigner(cms);
-    int nid = OBJ_sn2nid(shortName);
-    return signer && nid != NID_undef && CMS_signed_get_attr_by_NID(signer, nid, -1) >= 0;
 }
 
 // which: 0 for IMA signatures, 1 for trusted-application headers.
