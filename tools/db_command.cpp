@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -78,14 +79,20 @@ std::optional<int> schemaVersionOf(std::string const& path)
 }
 
 // The database of the configuration, opened for a command. A read-only
-// command needs an existing file, so that asking never creates one; every
-// command refuses a file of a newer schema rather than work on tables it does
-// not know.
+// command needs an existing, non-empty file, so that asking never creates
+// one: the library writes its tables into an empty file as into a missing
+// one. Every command refuses a file of a newer schema rather than work on
+// tables it does not know.
 std::unique_ptr<Database> openDatabase(Place const& place, bool readOnly)
 {
-    bool exists = static_cast<bool>(std::ifstream(place.databasePath));
-    if (!exists && readOnly) {
+    struct stat status {};
+    bool exists = stat(place.databasePath.c_str(), &status) == 0;
+    if (readOnly && !exists) {
         reportFailure(place.databasePath, "cannot open the database: " + systemReason());
+        return nullptr;
+    }
+    if (readOnly && status.st_size == 0) {
+        reportFailure(place.databasePath, "cannot open the database: the file is empty");
         return nullptr;
     }
     if (exists) {
