@@ -229,10 +229,9 @@ TEST_F(CliSign, AnAppendCutShortLeavesThePackageAsItWas)
     std::string package = freshPackage();
     ASSERT_EQ(signAs(pki->developer(), package).exitCode, 0);
     Bytes before = readFile(package);
-    auto result = runShell("cd " + shellQuoted(work.path()) + " && trap '' XFSZ && exec prlimit --fsize=" +
-                           std::to_string(before.size() + 100) + " " + shellQuoted(SEALKEEP_CLI) + " sign " +
-                           shellQuoted(package) + " --no-file-signatures --cert " +
-                           shellQuoted(pki->client().certPath) + " --key " + shellQuoted(pki->client().keyPath));
+    auto result = runSealkeepWithFileSizeLimit(static_cast<long>(before.size()) + 100, work.path(),
+                                               {"sign", package, "--no-file-signatures", "--cert",
+                                                pki->client().certPath, "--key", pki->client().keyPath});
     EXPECT_EQ(result.exitCode, 1) << result.errors;
     EXPECT_EQ(result.errors, "sealkeep: " + package +
                                  ": not signed: signing as client failed; the package is left as it was\n");

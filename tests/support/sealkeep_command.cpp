@@ -19,7 +19,7 @@ namespace {
 
 CommandResult runIn(std::string const& dir, std::string const& prefix, std::vector<std::string> const& args)
 {
-    std::string line = "cd " + shellQuoted(dir) + " && exec " + prefix + shellQuoted(SEALKEEP_CLI);
+    std::string line = "cd " + shellQuoted(dir) + " && " + prefix + shellQuoted(SEALKEEP_CLI);
     for (auto const& arg : args)
         line += " " + shellQuoted(arg);
     return runShell(line);
@@ -29,12 +29,18 @@ CommandResult runIn(std::string const& dir, std::string const& prefix, std::vect
 
 CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const& args)
 {
-    return runIn(dir, "", args);
+    return runIn(dir, "exec ", args);
 }
 
 CommandResult runSealkeepWithin(int seconds, std::string const& dir, std::vector<std::string> const& args)
 {
-    return runIn(dir, "timeout -s KILL " + std::to_string(seconds) + " ", args);
+    return runIn(dir, "exec timeout -s KILL " + std::to_string(seconds) + " ", args);
+}
+
+CommandResult runSealkeepWithFileSizeLimit(long bytes, std::string const& dir, std::vector<std::string> const& args)
+{
+    // An ignored signal stays ignored across exec.
+    return runIn(dir, "trap '' XFSZ && exec prlimit --fsize=" + std::to_string(bytes) + " ", args);
 }
 
 }  // namespace sealkeep::test

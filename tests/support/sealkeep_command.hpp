@@ -16,6 +16,9 @@ CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const
 // The same, killed after seconds (exit code 137 then), for inputs that must
 // not make the command run on.
 CommandResult runSealkeepWithin(int seconds, std::string const& dir, std::vector<std::string> const& args);
+// The same, allowed to write files up to bytes long only (SIGXFSZ ignored, so
+// a write beyond fails with EFBIG, as on a full disk).
+CommandResult runSealkeepWithFileSizeLimit(long bytes, std::string const& dir, std::vector<std::string> const& args);
 // The text as one shell word.
 std::string shellQuoted(std::string const& text);
 
