@@ -91,6 +91,41 @@ std::string refusalOf(int fd, std::vector<unsigned char> const& bytes, EVP_PKEY*
     return {};
 }
 
+// How files are labelled: under which root, checked with which key, with
+// which attribute, and whether for real.
+struct Labelling {
+    int root;
+    EVP_PKEY* key;
+    char const* attribute;
+    bool dryRun;
+};
+
+// Checks and labels the file the package installed as name; false (and
+// reported) when it is refused. The file is checked and labelled through one
+// descriptor, reached from the root without following any link: what is
+// labelled is what was checked, and nothing outside the root.
+bool label(Labelling const& how, std::string const& root, std::string const& name,
+           std::vector<unsigned char> const& record)
+{
+    std::string path = root + name;
+    RootedFile file = openUnderRoot(how.root, name);
+    std::string refusal = file.fd ? refusalOf(file.fd.get(), record, how.key) : file.refusal;
+    if (!refusal.empty()) {
+        reportFailure(path, refusal);
+        return false;
+    }
+    if (how.dryRun) {
+        printLine(path + ": would set " + how.attribute + " (" + countOf(record.size(), "byte") + ")");
+        return true;
+    }
+    if (fsetxattr(file.fd.get(), how.attribute, record.data(), record.size(), 0) != 0) {
+        reportFailure(path, std::string("cannot set ") + how.attribute + ": " + systemReason());
+        return false;
+    }
+    printLine(path + ": " + how.attribute + " set");
+    return true;
+}
+
 int runApply(ImaOptions const& options)
 {
     auto file = PackageSignatures::FileWithCmses::fromPath(options.package.c_str(), "r");
@@ -125,36 +160,14 @@ int runApply(ImaOptions const& options)
         reportFailure(options.root, "cannot open the root directory: " + systemReason());
         return statusFailed;
     }
-    char const* attribute = options.xattrUser ? "user.ima" : "security.ima";
+    Labelling how{root.get(), key.get(), options.xattrUser ? "user.ima" : "security.ima", options.dryRun};
     std::size_t written = 0;
     std::size_t refused = 0;
     for (std::size_t index = 0; index < names.size(); ++index) {
         std::vector<unsigned char> record = developer->fileSignature(static_cast<int>(index));
         if (record.empty())
             continue;
-        // The file is checked and labelled through one descriptor, reached
-        // from the root without following any link: what is labelled is
-        // what was checked, and nothing outside the root.
-        std::string path = options.root + names[index];
-        RootedFile file = openUnderRoot(root.get(), names[index]);
-        std::string refusal = file.fd ? refusalOf(file.fd.get(), record, key.get()) : file.refusal;
-        if (!refusal.empty()) {
-            reportFailure(path, refusal);
-            ++refused;
-            continue;
-        }
-        if (options.dryRun) {
-            printLine(path + ": would set " + attribute + " (" + countOf(record.size(), "byte") + ")");
-            ++written;
-            continue;
-        }
-        if (fsetxattr(file.fd.get(), attribute, record.data(), record.size(), 0) != 0) {
-            reportFailure(path, std::string("cannot set ") + attribute + ": " + systemReason());
-            ++refused;
-            continue;
-        }
-        printLine(path + ": " + attribute + " set");
-        ++written;
+        (label(how, options.root, names[index], record) ? written : refused)++;
     }
     printLine(countOf(written, "file") + (options.dryRun ? " to label, " : " labelled, ") +
               std::to_string(refused) + " refused");
