@@ -1,6 +1,12 @@
 // sealkeep ca init / ca issue / rotate / rotation show, and the command's
 // usage, help and version.
+#include <algorithm>
+#include <memory>
 #include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -37,6 +43,30 @@ protected:
     {
         return Certificate::readCertificateFromFile(certPath.c_str()).keyId();
     }
+
+    // The names in the working directory, hidden ones included.
+    std::vector<std::string> workFiles() const
+    {
+        std::vector<std::string> names;
+        struct CloseDir {
+            void operator()(DIR* dir) const { closedir(dir); }
+        };
+        std::unique_ptr<DIR, CloseDir> dir(opendir(work.path().c_str()));
+        while (dirent* entry = readdir(dir.get())) {
+            std::string name = entry->d_name;
+            if (name != "." && name != "..")
+                names.push_back(name);
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    static unsigned permissionsOf(std::string const& path)
+    {
+        struct stat status {};
+        stat(path.c_str(), &status);
+        return status.st_mode & 07777;
+    }
 };
 
 TEST_F(CliCa, InitMakesASelfSignedCa)
@@ -63,6 +93,76 @@ TEST_F(CliCa, InitRefusesAMissingKeyAndLeavesNoFile)
     EXPECT_EQ(garbage.errors,
               "Could not read private key (wrong passphrase?)\nsealkeep: ca.pem: CA certificate not issued\n");
     EXPECT_FALSE(fileExists(work.file("ca.pem")));
+}
+
+// The library opens its output before it reads the key: an existing
+// certificate must survive a key that does not read.
+TEST_F(CliCa, InitLeavesAnExistingCertificateAsItWas)
+{
+    writeText(work.file("ca.pem"), "the CA certificate in use\n");
+    writeText(work.file("garbage.key"), "not a key\n");
+    auto files = workFiles();
+    auto result = run({"ca", "init", "ca.pem", "--key", "garbage.key", "--cn", "Command CA"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.errors,
+              "Could not read private key (wrong passphrase?)\nsealkeep: ca.pem: CA certificate not issued\n");
+    EXPECT_EQ(readText(work.file("ca.pem")), "the CA certificate in use\n");
+    EXPECT_EQ(workFiles(), files);
+}
+
+// Replacing a file keeps its permissions; a new one gets what the umask
+// leaves, as if created in place.
+TEST_F(CliCa, InitReplacesAFileKeepingItsPermissions)
+{
+    generateKey(work.file("ca.key"));
+    writeText(work.file("ca.pem"), "an old certificate\n");
+    ASSERT_EQ(chmod(work.file("ca.pem").c_str(), 0640), 0);
+    auto result = run({"ca", "init", "ca.pem", "--key", "ca.key", "--cn", "Command CA"});
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(Certificate::readCertificateFromFile(work.file("ca.pem").c_str()).subject(), "Command CA");
+    EXPECT_EQ(permissionsOf(work.file("ca.pem")), 0640u);
+
+    auto fresh = runShell("cd " + shellQuoted(work.path()) + " && umask 027 && exec " + shellQuoted(SEALKEEP_CLI) +
+                          " ca init new.pem --key ca.key --cn 'Command CA'");
+    EXPECT_EQ(fresh.exitCode, 0) << fresh.errors;
+    EXPECT_EQ(permissionsOf(work.file("new.pem")), 0640u);
+}
+
+// A write cut short (here by a file size limit, as by a full disk) leaves
+// the certificate and the chain that were there.
+TEST_F(CliCa, AWriteCutShortLeavesTheFormerOutputs)
+{
+    std::string csr = request("limited");
+    ASSERT_EQ(issue("signer.pem", csr, "developer").exitCode, 0);
+    Bytes certificate = readFile(work.file("signer.pem"));
+    auto files = workFiles();
+    auto issued = runSealkeepWithFileSizeLimit(200, work.path(),
+                                               {"ca", "issue", "signer.pem", "--csr", csr, "--ca-key",
+                                                pki->ca().keyPath, "--ca-cert", pki->ca().certPath, "--group",
+                                                "seclab"});
+    EXPECT_EQ(issued.exitCode, 1);
+    EXPECT_EQ(issued.errors, "Could not save resulting certificate file\nsealkeep: signer.pem: certificate not issued\n");
+    EXPECT_EQ(readFile(work.file("signer.pem")), certificate);
+    EXPECT_EQ(workFiles(), files);
+
+    Identity a = pki->issue("limited-a", "developer");
+    Identity b = pki->issue("limited-b", "developer");
+    Identity c = pki->issue("limited-c", "developer");
+    ASSERT_EQ(run({"rotate", "chain.pem", "--old-cert", a.certPath, "--old-key", a.keyPath, "--new-cert", b.certPath,
+                   "--new-key", b.keyPath})
+                  .exitCode,
+              0);
+    Bytes chain = readFile(work.file("chain.pem"));
+    files = workFiles();
+    auto appended = runSealkeepWithFileSizeLimit(200, work.path(),
+                                                 {"rotate", "chain.pem", "--append", "--old-cert", b.certPath,
+                                                  "--old-key", b.keyPath, "--new-cert", c.certPath, "--new-key",
+                                                  c.keyPath});
+    EXPECT_EQ(appended.exitCode, 1);
+    EXPECT_EQ(appended.errors,
+              "Could not save resulting proof-of-rotation chain file\nsealkeep: chain.pem: rotation not recorded\n");
+    EXPECT_EQ(readFile(work.file("chain.pem")), chain);
+    EXPECT_EQ(workFiles(), files);
 }
 
 TEST_F(CliCa, IssueWritesACertificateOfTheGroup)

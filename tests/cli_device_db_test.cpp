@@ -69,6 +69,21 @@ TEST_F(CliDeviceDb, ReadOnlyCommandsCreateNoDatabase)
     EXPECT_FALSE(databaseExists());
 }
 
+// An empty file is no database either: asking writes no tables into it.
+TEST_F(CliDeviceDb, ReadOnlyCommandsLeaveAnEmptyFileEmpty)
+{
+    writeText(device.database(), "");
+    std::string package = signedBy(pki->developer(), "p.rpm");
+    for (auto const& command : std::vector<std::vector<std::string>>{
+             {"status"}, {"list"}, {"certificates"}, {"revoked"}, {"developer-mode"}, {"check", "demo", package}}) {
+        auto result = db(command);
+        EXPECT_EQ(result.exitCode, 1) << command[0];
+        EXPECT_EQ(result.errors, "sealkeep: " + device.database() + ": cannot open the database: the file is empty\n");
+        EXPECT_EQ(result.output, "");
+        EXPECT_EQ(fileSize(device.database()), 0) << command[0];
+    }
+}
+
 TEST_F(CliDeviceDb, NewerSchemaIsRefused)
 {
     runCommand({"sqlite3", device.database(), "PRAGMA user_version = 5"});

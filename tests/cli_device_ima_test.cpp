@@ -141,6 +141,69 @@ TEST_F(CliDeviceIma, ASymbolicLinkInPlaceOfAFileIsNotLabelled)
     EXPECT_EQ(applied.errors, "sealkeep: " + file + ": not a regular file\n");
 }
 
+// /usr under the root is a link to a tree outside it: the files are reached
+// only through the link, so they count as missing, and nothing outside the
+// root gets a value.
+TEST_F(CliDeviceIma, ALinkOnThePathLeadsNowhereOutsideTheRoot)
+{
+    std::string outside = work.file("outside");
+    ASSERT_EQ(runCommand({"mv", root + "/usr", outside}).exitCode, 0);
+    ASSERT_EQ(runCommand({"ln", "-s", outside, root + "/usr"}).exitCode, 0);
+    for (bool dryRun : {true, false}) {
+        std::vector<std::string> args = {"ima", "apply", package, "--root", root, "--xattr-user"};
+        if (dryRun)
+            args.push_back("--dry-run");
+        auto applied = run(args);
+        EXPECT_EQ(applied.exitCode, 1);
+        std::string errors;
+        for (auto const& name : names)
+            errors += "sealkeep: " + root + name + ": missing: the path crosses a symbolic link\n";
+        EXPECT_EQ(applied.errors, errors);
+        EXPECT_EQ(applied.output, std::string("0 files ") + (dryRun ? "to label" : "labelled") + ", " +
+                                      std::to_string(names.size()) + " refused\n");
+    }
+    for (auto const& name : names) {
+        ASSERT_EQ(name.rfind("/usr/", 0), 0u);
+        std::string reached = outside + name.substr(4);
+        ASSERT_TRUE(fileExists(reached)) << reached;
+        EXPECT_EQ(getfattrHex(reached), "") << reached;
+    }
+}
+
+// A link anywhere on the path is refused, even one that stays in the root.
+TEST_F(CliDeviceIma, ALinkInsideTheRootIsNotFollowedEither)
+{
+    std::string real = root + "/usr/share/cli-real";
+    ASSERT_EQ(runCommand({"mv", root + "/usr/share/cli", real}).exitCode, 0);
+    ASSERT_EQ(runCommand({"ln", "-s", "cli-real", root + "/usr/share/cli"}).exitCode, 0);
+    auto applied = run({"ima", "apply", package, "--root", root, "--xattr-user"});
+    EXPECT_EQ(applied.exitCode, 1);
+    EXPECT_NE(applied.errors.find("sealkeep: " + root + "/usr/share/cli/hello.txt: missing: the path crosses a "
+                                  "symbolic link\n"),
+              std::string::npos)
+        << applied.errors;
+    EXPECT_EQ(getfattrHex(real + "/hello.txt"), "");
+}
+
+TEST_F(CliDeviceIma, ARootThatCannotBeOpenedIsReported)
+{
+    auto applied = run({"ima", "apply", package, "--root", work.file("no-such-root"), "--xattr-user"});
+    EXPECT_EQ(applied.exitCode, 1);
+    EXPECT_EQ(applied.errors,
+              "sealkeep: " + work.file("no-such-root") + ": cannot open the root directory: No such file or directory\n");
+    EXPECT_EQ(applied.output, "");
+}
+
+TEST_F(CliDeviceIma, ADeveloperSignatureWithoutFileSignaturesIsRefused)
+{
+    std::string plain = freshPackage("plain.rpm");
+    ASSERT_EQ(signAs(pki->developer(), plain, {"--no-file-signatures"}).exitCode, 0);
+    auto result = run({"ima", "apply", plain, "--root", root, "--xattr-user"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.errors, "sealkeep: " + plain + ": the developer signature carries no per-file IMA signatures\n");
+    EXPECT_EQ(result.output, "");
+}
+
 TEST_F(CliDeviceIma, PackageWithoutDeveloperSignatureIsRefused)
 {
     std::string plain = freshPackage("plain.rpm");

@@ -150,8 +150,8 @@ TEST_F(CliSign, SignsTwentyPackagesOnTwoJobsAndLeavesTheCorruptOneUntouched)
     EXPECT_EQ(result.exitCode, 1);
     // The library's own line on the garbage block, then the command's.
     EXPECT_EQ(result.errors, "Could not decode DER CMS\nsealkeep: " + corrupt +
-                                 ": not signed: a developer signature was refused or failed (signatures "
-                                 "before: unknown)\n");
+                                 ": not signed: a developer signature cannot take the next position of the stack "
+                                 "as it stands (signatures: unreadable)\n");
     EXPECT_EQ(readFile(corrupt), corruptBefore);
     int signedCount = 0;
     for (auto const& package : packages) {
@@ -170,9 +170,121 @@ TEST_F(CliSign, RefusesAFourthSignatureAndLeavesTheFile)
     auto fourth = signAs(pki->client(), package);
     EXPECT_EQ(fourth.exitCode, 1);
     EXPECT_EQ(fourth.errors, "sealkeep: " + package +
-                                 ": not signed: a client signature was refused or failed (signatures before: "
-                                 "developer, seclab, client)\n");
+                                 ": not signed: a client signature cannot take the next position of the stack as "
+                                 "it stands (signatures: developer, seclab, client)\n");
     EXPECT_EQ(readFile(package), before);
+}
+
+TEST_F(CliSign, RefusesASignerOutOfPlaceNamingTheStack)
+{
+    std::string package = freshPackage();
+    Bytes unsignedBytes = readFile(package);
+    auto first = signAs(pki->seclab(), package);
+    EXPECT_EQ(first.exitCode, 1);
+    EXPECT_EQ(first.output, "");
+    EXPECT_EQ(first.errors, "sealkeep: " + package +
+                                ": not signed: a seclab signature cannot take the next position of the stack as it "
+                                "stands (signatures: none)\n");
+    EXPECT_EQ(readFile(package), unsignedBytes);
+
+    for (Identity const* who : {&pki->developer(), &pki->seclab(), &pki->client()})
+        ASSERT_EQ(signAs(*who, package).exitCode, 0);
+    Bytes full = readFile(package);
+    // The newest signature is a client's: a seclab replacement cuts nothing
+    // and finds the stack full.
+    auto replaced = signAs(pki->seclab(), package, {"--replace"});
+    EXPECT_EQ(replaced.exitCode, 1);
+    EXPECT_EQ(replaced.errors, "sealkeep: " + package +
+                                   ": not signed: a seclab signature cannot take the next position of the stack as "
+                                   "it stands, even with --replace (signatures: developer, seclab, client)\n");
+    EXPECT_EQ(readFile(package), full);
+}
+
+// The key does not belong to the certificate, so signing fails after the
+// replacement has cut the newest block: the block is put back.
+TEST_F(CliSign, AReplacementThatFailsLeavesThePackageAsItWas)
+{
+    std::string package = freshPackage();
+    ASSERT_EQ(signAs(pki->developer(), package).exitCode, 0);
+    ASSERT_EQ(signAs(pki->client(), package).exitCode, 0);
+    Bytes before = readFile(package);
+    for (Identity const* who : {&pki->client(), &pki->developer()}) {
+        auto result = run({"sign", package, "--cert", who->certPath, "--key", pki->seclab().keyPath, "--replace"});
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.output, "");
+        std::string group = who == &pki->client() ? "client" : "developer";
+        std::string line = "sealkeep: " + package + ": not signed: signing as " + group +
+                           " failed; the package is left as it was\n";
+        ASSERT_GE(result.errors.size(), line.size()) << result.errors;
+        EXPECT_EQ(result.errors.substr(result.errors.size() - line.size()), line) << result.errors;
+        EXPECT_EQ(readFile(package), before) << group;
+    }
+    EXPECT_TRUE(verifyFile(package, pki->ca().certPath));
+}
+
+// The file may grow by 100 bytes only: the block is cut short by the
+// system, and the part written is removed again.
+TEST_F(CliSign, AnAppendCutShortLeavesThePackageAsItWas)
+{
+    std::string package = freshPackage();
+    ASSERT_EQ(signAs(pki->developer(), package).exitCode, 0);
+    Bytes before = readFile(package);
+    auto result = runSealkeepWithFileSizeLimit(static_cast<long>(before.size()) + 100, work.path(),
+                                               {"sign", package, "--no-file-signatures", "--cert",
+                                                pki->client().certPath, "--key", pki->client().keyPath});
+    EXPECT_EQ(result.exitCode, 1) << result.errors;
+    EXPECT_EQ(result.errors, "sealkeep: " + package +
+                                 ": not signed: signing as client failed; the package is left as it was\n");
+    EXPECT_EQ(readFile(package), before);
+}
+
+// A developer replacement cuts every block, also those beyond the four that
+// the command can keep: with more than a stack holds, it is refused.
+TEST_F(CliSign, ADeveloperReplacementOverTooManyBlocksIsRefused)
+{
+    std::string package = freshPackage();
+    for (Identity const* who : {&pki->developer(), &pki->seclab(), &pki->client()})
+        ASSERT_EQ(signAs(*who, package).exitCode, 0);
+    appendFile(package, makeBlock(signRange(readFile(package), pki->client()), 2));
+    Bytes before = readFile(package);
+    auto result = signAs(pki->developer(), package, {"--replace"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.errors, "sealkeep: " + package +
+                                 ": not signed: it carries more signature blocks than a stack holds, which a "
+                                 "developer replacement would cut beyond recovery; strip it first\n");
+    EXPECT_EQ(readFile(package), before);
+}
+
+TEST_F(CliSign, RefusesTheSameFileNamedTwice)
+{
+    std::string package = freshPackage();
+    std::string other = freshPackage("other.rpm");
+    ASSERT_EQ(runCommand({"ln", "-s", package, work.file("link.rpm")}).exitCode, 0);
+    Bytes before = readFile(package);
+    Bytes otherBefore = readFile(other);
+    for (std::string const& again : {std::string("./package.rpm"), std::string("link.rpm")}) {
+        auto result = run({"sign", "package.rpm", "other.rpm", again, "--cert", pki->developer().certPath, "--key",
+                           pki->developer().keyPath, "--jobs", "2"});
+        EXPECT_EQ(result.exitCode, 2) << again;
+        EXPECT_EQ(result.errors,
+                  "sealkeep: " + again + ": the same file as package.rpm, named twice; name each package once\n");
+        EXPECT_EQ(result.output, "");
+    }
+    EXPECT_EQ(readFile(package), before);
+    EXPECT_EQ(readFile(other), otherBefore);
+}
+
+// Signing reads only the newest block; an older one that does not decode is
+// no reason for the library to speak when signing succeeds.
+TEST_F(CliSign, SigningAboveAnUndecodableOlderBlockPrintsOnlyItsLine)
+{
+    std::string package = freshPackage();
+    appendFile(package, makeBlock(patternBytes(60, 5), 2));
+    appendFile(package, makeBlock(signRange(readFile(package), pki->seclab()), 2));
+    auto result = signAs(pki->client(), package);
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(result.output, package + ": signed as client (3 signatures)\n");
 }
 
 TEST_F(CliSign, ReplaceSwapsTheNewestSignatureOfTheSameGroup)

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <openssl/obj_mac.h>
 
 #include "signature_records.hpp"
 
@@ -65,6 +66,29 @@ TEST(CliSignatureRecords, DecodesAGostImaRecord)
     EXPECT_EQ(decodeImaRecord(sha256.data(), sha256.size())->hashAlgorithm, "sha256");
     auto unknown = imaRecord(0xFF, 8);
     EXPECT_EQ(decodeImaRecord(unknown.data(), unknown.size())->hashAlgorithm, "unknown(255)");
+}
+
+// One table serves display and checking: the kernel's name and the digest
+// OpenSSL computes for it.
+TEST(CliSignatureRecords, NamesAndDigestsComeFromOneTable)
+{
+    auto streebog = imaHashAlgorithm(18);
+    ASSERT_TRUE(streebog);
+    EXPECT_STREQ(streebog->name, "streebog256");
+    EXPECT_EQ(streebog->nid, NID_id_GostR3411_2012_256);
+    EXPECT_EQ(imaHashAlgorithm(19)->nid, NID_id_GostR3411_2012_512);
+    EXPECT_EQ(imaHashAlgorithm(4)->nid, NID_sha256);
+    EXPECT_STREQ(imaHashAlgorithm(8)->name, "rmd128");
+    EXPECT_EQ(imaHashAlgorithm(8)->nid, NID_undef);
+    EXPECT_FALSE(imaHashAlgorithm(20));
+
+    auto bytes = imaRecord(19, 128);
+    auto record = decodeImaRecord(bytes.data(), bytes.size());
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->hashNid, NID_id_GostR3411_2012_512);
+    EXPECT_EQ(record->signature, std::vector<unsigned char>(bytes.begin() + 9, bytes.end()));
+    auto unknown = imaRecord(0xFF, 8);
+    EXPECT_EQ(decodeImaRecord(unknown.data(), unknown.size())->hashNid, NID_undef);
 }
 
 TEST(CliSignatureRecords, RefusesWhatIsNoImaRecord)

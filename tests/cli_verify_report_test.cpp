@@ -5,8 +5,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <sealkeep/sealkeep.h>
+
 #include "support/blocks.hpp"
 #include "support/cli_test.hpp"
+#include "support/cms_builder.hpp"
+#include "support/pki.hpp"
 #include "support/signing.hpp"
 
 namespace sealkeep::test {
@@ -34,6 +38,48 @@ protected:
     }
 
     static std::string packageBytes() { return std::to_string(fileSize(rpmTemplate)); }
+
+    // Status 1, "PACKAGE: refused" on standard output, the command's line
+    // "sealkeep: PACKAGE: <why>" last on standard error (after the library's
+    // own lines), and the reason by name in --json.
+    void expectRefusal(std::string const& package, std::string const& why, std::string const& reason) const
+    {
+        auto result = verify({package});
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.output, package + ": refused\n");
+        std::string line = "sealkeep: " + package + ": " + why + "\n";
+        ASSERT_GE(result.errors.size(), line.size()) << result.errors;
+        EXPECT_EQ(result.errors.substr(result.errors.size() - line.size()), line) << result.errors;
+
+        auto asJson = verify({package}, true);
+        EXPECT_EQ(asJson.exitCode, 1);
+        json verdict = json::parse(asJson.output)["packages"][0];
+        EXPECT_EQ(verdict["verified"], false);
+        EXPECT_EQ(verdict["reason"], reason);
+        EXPECT_EQ(verdict["error"], why);
+        if (!verdict["blocks"].empty()) {
+            EXPECT_EQ(verdict["blocks"].back()["reason"], reason);
+        }
+    }
+
+    // A version-2 block by who over the whole file as it is now, carrying
+    // chain (a rotation chain's DER) as its rotation chain attribute.
+    static void appendSignatureWithRotation(std::string const& path, Identity const& who, Bytes const& chain)
+    {
+        LoadedSigner signer = loadSigner(who);
+        appendFile(path, makeBlock(cmsWithAttribute(readFile(path), signer.borrowed(),
+                                                    CmsAttribute{rotationChainOid, V_ASN1_SEQUENCE, chain}),
+                                   2));
+    }
+
+    static Bytes derOf(ProofOfRotationChain* chain)
+    {
+        unsigned char* der = nullptr;
+        int length = i2d_ProofOfRotationChain(chain, &der);
+        Bytes bytes(der, der + (length > 0 ? length : 0));
+        OPENSSL_free(der);
+        return bytes;
+    }
 };
 
 TEST_F(CliVerifyReport, ASignatureByAnotherCaNamesTheCertificateChain)
@@ -120,8 +166,7 @@ TEST_F(CliVerifyReport, OneRefusedPackageAmongGoodOnesMakesTheStatusOne)
 }
 
 // A CA file that opens but holds no certificate gives an empty store: every
-// chain fails, which is what the report says. (A CA file that cannot be
-// opened is refused before any package is read.)
+// chain fails, which is what the report says.
 TEST_F(CliVerifyReport, ACaFileWithoutCertificatesTrustsNoChain)
 {
     std::string package = freshPackage();
@@ -136,6 +181,98 @@ TEST_F(CliVerifyReport, ACaFileWithoutCertificatesTrustsNoChain)
                        ")): the signer's certificate does not chain to the CA\n";
     ASSERT_GE(result.errors.size(), line.size());
     EXPECT_EQ(result.errors.substr(result.errors.size() - line.size()), line) << result.errors;
+}
+
+// A CA file that cannot be read refuses every package by itself, and --json
+// still answers for each one.
+TEST_F(CliVerifyReport, AnUnreadableCaRefusesEveryPackage)
+{
+    std::string first = freshPackage("first.rpm");
+    std::string second = freshPackage("second.rpm");
+    ASSERT_EQ(signAs(pki->developer(), first).exitCode, 0);
+    ASSERT_EQ(signAs(pki->developer(), second).exitCode, 0);
+    std::string why = "no CA certificates could be read from missing-ca.pem";
+    auto result = run({"verify", first, second, "--ca", "missing-ca.pem"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.output, first + ": refused\n" + second + ": refused\n");
+    for (auto const& package : {first, second})
+        EXPECT_NE(result.errors.find("sealkeep: " + package + ": " + why + "\n"), std::string::npos) << result.errors;
+
+    auto asJson = run({"verify", first, second, "--ca", "missing-ca.pem", "--json"});
+    EXPECT_EQ(asJson.exitCode, 1);
+    json packages = json::parse(asJson.output)["packages"];
+    ASSERT_EQ(packages.size(), 2u);
+    for (auto const& verdict : packages) {
+        EXPECT_EQ(verdict["verified"], false);
+        EXPECT_EQ(verdict["reason"], "unreadable_ca");
+        EXPECT_EQ(verdict["error"], why);
+        EXPECT_EQ(verdict["blocks"], json::array());
+    }
+}
+
+TEST_F(CliVerifyReport, AChangedPayloadIsAContentDigestMismatch)
+{
+    std::string package = freshPackage();
+    ASSERT_EQ(signAs(pki->developer(), package).exitCode, 0);
+    Bytes bytes = readFile(package);
+    bytes.at(fileSize(rpmTemplate) - 1) ^= 1;
+    writeFile(package, bytes);
+    expectRefusal(package,
+                  "block 1 of 1 (covers bytes [0, " + packageBytes() +
+                      ")): the covered bytes do not match the signature (content digest)",
+                  "content_digest_mismatch");
+}
+
+TEST_F(CliVerifyReport, ARotationProofSignedByTheWrongKeyIsAnInvalidChain)
+{
+    X509Ptr seclabCert = loadCertificate(pki->seclab().certPath);
+    X509Ptr developerCert = loadCertificate(pki->developer().certPath);
+    PkeyPtr clientKey = loadKey(pki->client().keyPath);
+    PkeyPtr developerKey = loadKey(pki->developer().keyPath);
+    ProofOfRotationChain* chain = sk_ProofOfRotation_new_null();
+    sk_ProofOfRotation_push(
+        chain, ProofOfRotation_create(seclabCert.get(), clientKey.get(), developerCert.get(), developerKey.get()));
+    Bytes chainDer = derOf(chain);
+    ProofOfRotationChain_free(chain);
+
+    std::string package = freshPackage();
+    appendSignatureWithRotation(package, pki->developer(), chainDer);
+    expectRefusal(package, "block 1 of 1 (covers bytes [0, " + packageBytes() + ")): the rotation chain does not verify",
+                  "rotation_chain_invalid");
+}
+
+TEST_F(CliVerifyReport, ARotationChainEndingAtAnotherKeyIsNotAtTheSigner)
+{
+    std::string chainPath = work.file("chain.pem");
+    ASSERT_EQ(make_proof_of_rotation_chain(chainPath.c_str(), nullptr, pki->developer().certPath.c_str(),
+                                           pki->developer().keyPath.c_str(), pki->seclab().certPath.c_str(),
+                                           pki->seclab().keyPath.c_str()),
+              0);
+    ProofOfRotationChain* chain = ProofOfRotationChain_read(chainPath.c_str());
+    ASSERT_NE(chain, nullptr);
+    Bytes chainDer = derOf(chain);
+    ProofOfRotationChain_free(chain);
+
+    std::string package = freshPackage();
+    appendSignatureWithRotation(package, pki->developer(), chainDer);
+    expectRefusal(package,
+                  "block 1 of 1 (covers bytes [0, " + packageBytes() +
+                      ")): the rotation chain does not end at the signer's key",
+                  "rotation_chain_not_at_signer");
+}
+
+TEST_F(CliVerifyReport, AnUndecodableNewestBlockIsMalformed)
+{
+    std::string package = freshPackage();
+    ASSERT_EQ(signAs(pki->developer(), package).exitCode, 0);
+    std::string signedBytes = std::to_string(fileSize(package));
+    // The developer block is framed: its CMS begins 8 bytes after the package.
+    std::string developerCms = std::to_string(fileSize(rpmTemplate) + 8);
+    appendFile(package, makeBlock(patternBytes(50, 4), 2));
+    expectRefusal(package,
+                  "block 2 of 2 (covers bytes [" + developerCms + ", " + signedBytes +
+                      ")): the CMS is malformed (undecodable, not exactly one signer, or unknown block version)",
+                  "cms_malformed");
 }
 
 }  // namespace

@@ -1,15 +1,21 @@
 // sealkeep ca init / ca issue: a small certificate authority for package
-// signers, over the library's make_ca_certificate and make_certificate.
+// signers, over the library's make_ca_certificate and make_certificate. The
+// certificate is written beside its destination and moved into place only
+// when complete, so a failure leaves an existing file as it was.
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
+#include <openssl/err.h>
+#include <openssl/pem.h>
 
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "owned.hpp"
+#include "pending_output.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -38,9 +44,30 @@ bool readable(std::string const& path, std::string const& what)
     return false;
 }
 
-bool exists(std::string const& path)
+// Whether path holds a PEM certificate, read without a word on failure: what
+// the library wrote is checked before it replaces anything (a write cut
+// short at close is not reported by the library).
+bool holdsCertificate(std::string const& path)
 {
-    return static_cast<bool>(std::ifstream(path));
+    BioPtr bio(BIO_new_file(path.c_str(), "r"));
+    X509Ptr certificate(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    ERR_clear_error();
+    return certificate != nullptr;
+}
+
+// Moves a complete certificate into place; reports and returns false when
+// the certificate is not complete or cannot be moved, leaving out as it was.
+bool commitCertificate(PendingOutput& output, std::string const& out, std::string const& what)
+{
+    if (!holdsCertificate(output.path())) {
+        reportFailure(out, what + " not issued: what was written does not read back as a certificate");
+        return false;
+    }
+    if (!output.commit()) {
+        reportFailure(out, what + " not written: " + systemReason());
+        return false;
+    }
+    return true;
 }
 
 // Why text is no group text a verifier reads back as written: a known group,
@@ -67,14 +94,18 @@ int runInit(InitOptions const& options)
 {
     if (!readable(options.key, "CA private key"))
         return statusFailed;
-    bool existed = exists(options.out);
-    if (make_ca_certificate(options.out.c_str(), options.key.c_str(), options.commonName.c_str()) != 0) {
-        // The library creates its output first; do not leave an empty one behind.
-        if (!existed)
-            std::remove(options.out.c_str());
+    std::string why;
+    auto output = PendingOutput::create(options.out, why);
+    if (!output) {
+        reportFailure(options.out, why);
+        return statusFailed;
+    }
+    if (make_ca_certificate(output->path().c_str(), options.key.c_str(), options.commonName.c_str()) != 0) {
         reportFailure(options.out, "CA certificate not issued");
         return statusFailed;
     }
+    if (!commitCertificate(*output, options.out, "CA certificate"))
+        return statusFailed;
     printLine(options.out + ": CA certificate for \"" + options.commonName + "\"");
     return statusOk;
 }
@@ -85,11 +116,19 @@ int runIssue(IssueOptions const& options)
         reportFailure(options.out, *problem);
         return statusFailed;
     }
-    if (make_certificate(options.out.c_str(), options.request.c_str(), options.caKey.c_str(),
+    std::string why;
+    auto output = PendingOutput::create(options.out, why);
+    if (!output) {
+        reportFailure(options.out, why);
+        return statusFailed;
+    }
+    if (make_certificate(output->path().c_str(), options.request.c_str(), options.caKey.c_str(),
                          options.caCert.c_str(), options.group.c_str()) != 0) {
         reportFailure(options.out, "certificate not issued");
         return statusFailed;
     }
+    if (!commitCertificate(*output, options.out, "certificate"))
+        return statusFailed;
     ps::Certificate issued = ps::Certificate::readCertificateFromFile(options.out.c_str());
     printLine(options.out + ": " + options.group + " certificate for \"" + issued.subject() + "\", key id " +
               issued.keyId());

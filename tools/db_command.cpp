@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -16,6 +17,7 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "json_output.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -77,14 +79,20 @@ std::optional<int> schemaVersionOf(std::string const& path)
 }
 
 // The database of the configuration, opened for a command. A read-only
-// command needs an existing file, so that asking never creates one; every
-// command refuses a file of a newer schema rather than work on tables it does
-// not know.
+// command needs an existing, non-empty file, so that asking never creates
+// one: the library writes its tables into an empty file as into a missing
+// one. Every command refuses a file of a newer schema rather than work on
+// tables it does not know.
 std::unique_ptr<Database> openDatabase(Place const& place, bool readOnly)
 {
-    bool exists = static_cast<bool>(std::ifstream(place.databasePath));
-    if (!exists && readOnly) {
+    struct stat status {};
+    bool exists = stat(place.databasePath.c_str(), &status) == 0;
+    if (readOnly && !exists) {
         reportFailure(place.databasePath, "cannot open the database: " + systemReason());
+        return nullptr;
+    }
+    if (readOnly && status.st_size == 0) {
+        reportFailure(place.databasePath, "cannot open the database: the file is empty");
         return nullptr;
     }
     if (exists) {
@@ -201,7 +209,7 @@ int runStatus(DbOptions const& options, Place const& place, Database& db)
                              {"superseded_keyids", superseded},
                              {"blacklisted_keyids", blacklisted}};
     if (options.json) {
-        printLine(status.dump(2));
+        printJson(status);
         return statusOk;
     }
     printLine("configuration: " + place.confPath);
@@ -272,7 +280,7 @@ int runCheck(DbOptions const& options, Place const& place, Database& db)
     if (!cmses)
         return statusFailed;
     nlohmann::json result = admission(db, options.name, *cmses);
-    printLine(options.json ? result.dump(2) : admissionLine(result));
+    printLine(options.json ? jsonText(result) : admissionLine(result));
     return result["code"] == PackageSignatures::Accepted ? statusOk : statusFailed;
 }
 
@@ -316,7 +324,7 @@ int runList(DbOptions const& options, Place const& /*place*/, Database& db)
         packages.push_back({{"name", name}, {"signers", signers}});
     }
     if (options.json) {
-        printLine(nlohmann::json{{"packages", packages}}.dump(2));
+        printJson({{"packages", packages}});
         return statusOk;
     }
     for (auto const& package : packages) {
@@ -333,7 +341,7 @@ int runCertificates(DbOptions const& options, Place const& /*place*/, Database& 
     for (auto const& certificate : options.active ? db.activeCertificates() : db.certificates())
         certificates.push_back(certificateJson(certificate));
     if (options.json) {
-        printLine(nlohmann::json{{"certificates", certificates}}.dump(2));
+        printJson({{"certificates", certificates}});
         return statusOk;
     }
     for (auto const& certificate : certificates)
@@ -374,7 +382,7 @@ int runRevoked(DbOptions const& options, Place const& /*place*/, Database& db)
     for (auto const& keyid : db.revokedKeyids())
         keyids.push_back({{"keyid", keyid}, {"type", revocationName(db.getKeyidRevocationStatus(keyid))}});
     if (options.json) {
-        printLine(nlohmann::json{{"revoked", keyids}}.dump(2));
+        printJson({{"revoked", keyids}});
         return statusOk;
     }
     for (auto const& keyid : keyids)
@@ -397,7 +405,7 @@ int runSync(DbOptions const& /*options*/, Place const& place, Database& db)
 int runDeveloperMode(DbOptions const& options, Place const& place, Database& db)
 {
     nlohmann::json mode = developerModeJson(db, place);
-    printLine(options.json ? mode.dump(2) : developerModeLine(mode));
+    printLine(options.json ? jsonText(mode) : developerModeLine(mode));
     return statusOk;
 }
 

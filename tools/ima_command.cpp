@@ -2,13 +2,14 @@
 // developer signature onto the files the package installed under a root
 // directory, as the extended attribute the kernel (or evmctl) reads. A file
 // gets its value only when its content still matches the signed digest, so
-// that a changed file is never labelled as the developer's.
-#include <sys/stat.h>
+// that a changed file is never labelled as the developer's. Each file is
+// reached from the root without following links, and checked and labelled
+// through the same descriptor.
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,11 +26,12 @@
 #include "cli.hpp"
 #include "owned.hpp"
 #include "package_files.hpp"
+#include "rooted_file.hpp"
+#include "signed_attributes.hpp"
+#include "signature_records.hpp"
 
 namespace sealkeep::cli {
 namespace {
-
-constexpr std::size_t imaHeaderSize = 9;
 
 struct ImaOptions {
     std::string package;
@@ -38,40 +40,25 @@ struct ImaOptions {
     bool dryRun = false;
 };
 
-// The digest a record's hash-algorithm byte (the kernel's enum hash_algo)
-// names; null for one this command does not verify.
-EVP_MD const* digestOfRecord(unsigned char number)
+// The digest of what remains to be read from fd; nothing (errno set) when it
+// cannot be read.
+std::optional<std::vector<unsigned char>> fileDigest(int fd, EVP_MD const* md)
 {
-    switch (number) {
-    case 0: return EVP_get_digestbynid(NID_md4);
-    case 1: return EVP_get_digestbynid(NID_md5);
-    case 2: return EVP_get_digestbynid(NID_sha1);
-    case 3: return EVP_get_digestbynid(NID_ripemd160);
-    case 4: return EVP_get_digestbynid(NID_sha256);
-    case 5: return EVP_get_digestbynid(NID_sha384);
-    case 6: return EVP_get_digestbynid(NID_sha512);
-    case 7: return EVP_get_digestbynid(NID_sha224);
-    case 18: return EVP_get_digestbynid(NID_id_GostR3411_2012_256);
-    case 19: return EVP_get_digestbynid(NID_id_GostR3411_2012_512);
-    default: return nullptr;
-    }
-}
-
-// The digest of the file's content; nothing when it cannot be read.
-std::optional<std::vector<unsigned char>> fileDigest(std::string const& path, EVP_MD const* md)
-{
-    std::ifstream in(path, std::ios::binary);
     MdCtxPtr context(EVP_MD_CTX_new());
-    if (!in || !context || EVP_DigestInit_ex(context.get(), md, nullptr) != 1)
+    if (!context || EVP_DigestInit_ex(context.get(), md, nullptr) != 1)
         return std::nullopt;
-    std::array<char, 65536> buffer;
-    while (in) {
-        in.read(buffer.data(), buffer.size());
-        if (in.gcount() > 0 && EVP_DigestUpdate(context.get(), buffer.data(), in.gcount()) != 1)
+    std::array<unsigned char, 65536> buffer;
+    for (;;) {
+        ssize_t got = read(fd, buffer.data(), buffer.size());
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return std::nullopt;
+        if (got == 0)
+            break;
+        if (EVP_DigestUpdate(context.get(), buffer.data(), static_cast<std::size_t>(got)) != 1)
             return std::nullopt;
     }
-    if (in.bad())
-        return std::nullopt;
     std::vector<unsigned char> digest(EVP_MAX_MD_SIZE);
     unsigned int length = 0;
     if (EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1)
@@ -80,35 +67,63 @@ std::optional<std::vector<unsigned char>> fileDigest(std::string const& path, EV
     return digest;
 }
 
-// Why the file at path may not carry record, signed by key; empty when it
-// may: the record's signature must verify over the digest of the content
-// found there now.
-std::string refusalOf(std::string const& path, std::vector<unsigned char> const& record, EVP_PKEY* key)
+// Why the open file fd may not carry the record bytes, signed by key; empty
+// when it may: the record's signature must verify over the digest of the
+// content found there now.
+std::string refusalOf(int fd, std::vector<unsigned char> const& bytes, EVP_PKEY* key)
 {
-    if (record.size() < imaHeaderSize || record[0] != 3 || record[1] != 2)
-        return "the package's record for it is not an IMA signature";
-    EVP_MD const* md = digestOfRecord(record[2]);
+    auto record = decodeImaRecord(bytes.data(), bytes.size());
+    if (!record)
+        return "the package's record for it is not an IMA signature record";
+    EVP_MD const* md = record->hashNid == NID_undef ? nullptr : EVP_get_digestbynid(record->hashNid);
     if (!md)
-        return "the record's hash algorithm " + std::to_string(record[2]) + " is not supported";
-    std::size_t signatureSize = (std::size_t{record[7]} << 8) | record[8];
-    if (record.size() != imaHeaderSize + signatureSize)
-        return "the package's record for it is truncated";
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0)
-        return errno == ENOENT ? "missing" : "cannot read: " + systemReason();
-    if (!S_ISREG(status.st_mode))
-        return "not a regular file";
-    auto digest = fileDigest(path, md);
+        return "the record's hash algorithm " + record->hashAlgorithm + " is not supported";
+    auto digest = fileDigest(fd, md);
     if (!digest)
         return "cannot read: " + systemReason();
     PkeyCtxPtr context(EVP_PKEY_CTX_new(key, nullptr));
     if (!context || EVP_PKEY_verify_init(context.get()) != 1 ||
         EVP_PKEY_CTX_set_signature_md(context.get(), md) != 1)
         return "cannot verify its signature";
-    if (EVP_PKEY_verify(context.get(), record.data() + imaHeaderSize, signatureSize, digest->data(),
+    if (EVP_PKEY_verify(context.get(), record->signature.data(), record->signature.size(), digest->data(),
                         digest->size()) != 1)
         return "changed since it was signed";
     return {};
+}
+
+// How files are labelled: under which root, checked with which key, with
+// which attribute, and whether for real.
+struct Labelling {
+    int root;
+    EVP_PKEY* key;
+    char const* attribute;
+    bool dryRun;
+};
+
+// Checks and labels the file the package installed as name; false (and
+// reported) when it is refused. The file is checked and labelled through one
+// descriptor, reached from the root without following any link: what is
+// labelled is what was checked, and nothing outside the root.
+bool label(Labelling const& how, std::string const& root, std::string const& name,
+           std::vector<unsigned char> const& record)
+{
+    std::string path = root + name;
+    RootedFile file = openUnderRoot(how.root, name);
+    std::string refusal = file.fd ? refusalOf(file.fd.get(), record, how.key) : file.refusal;
+    if (!refusal.empty()) {
+        reportFailure(path, refusal);
+        return false;
+    }
+    if (how.dryRun) {
+        printLine(path + ": would set " + how.attribute + " (" + countOf(record.size(), "byte") + ")");
+        return true;
+    }
+    if (fsetxattr(file.fd.get(), how.attribute, record.data(), record.size(), 0) != 0) {
+        reportFailure(path, std::string("cannot set ") + how.attribute + ": " + systemReason());
+        return false;
+    }
+    printLine(path + ": " + how.attribute + " set");
+    return true;
 }
 
 int runApply(ImaOptions const& options)
@@ -123,6 +138,12 @@ int runApply(ImaOptions const& options)
         reportFailure(options.package, "no developer signature");
         return statusFailed;
     }
+    // Signed without per-file signatures, the package has nothing to apply;
+    // saying so beats labelling no file and reporting success.
+    if (!hasSignedAttribute(developer->parsed(), "packageFileSignatures")) {
+        reportFailure(options.package, "the developer signature carries no per-file IMA signatures");
+        return statusFailed;
+    }
     auto certificate = developer->certificate();
     PkeyPtr key(certificate && certificate->get() ? X509_get_pubkey(certificate->get()) : nullptr);
     if (!key) {
@@ -134,38 +155,19 @@ int runApply(ImaOptions const& options)
         reportFailure(options.package, "not an RPM package, or one without files");
         return statusFailed;
     }
-    char const* attribute = options.xattrUser ? "user.ima" : "security.ima";
+    UniqueFd root = openRoot(options.root);
+    if (!root) {
+        reportFailure(options.root, "cannot open the root directory: " + systemReason());
+        return statusFailed;
+    }
+    Labelling how{root.get(), key.get(), options.xattrUser ? "user.ima" : "security.ima", options.dryRun};
     std::size_t written = 0;
     std::size_t refused = 0;
     for (std::size_t index = 0; index < names.size(); ++index) {
         std::vector<unsigned char> record = developer->fileSignature(static_cast<int>(index));
         if (record.empty())
             continue;
-        // Header paths are absolute; one that climbs out of the root is not followed.
-        if (names[index].find("/../") != std::string::npos) {
-            reportFailure(names[index], "the path leaves the root");
-            ++refused;
-            continue;
-        }
-        std::string path = options.root + names[index];
-        std::string refusal = refusalOf(path, record, key.get());
-        if (!refusal.empty()) {
-            reportFailure(path, refusal);
-            ++refused;
-            continue;
-        }
-        if (options.dryRun) {
-            printLine(path + ": would set " + attribute + " (" + countOf(record.size(), "byte") + ")");
-            ++written;
-            continue;
-        }
-        if (lsetxattr(path.c_str(), attribute, record.data(), record.size(), 0) != 0) {
-            reportFailure(path, std::string("cannot set ") + attribute + ": " + systemReason());
-            ++refused;
-            continue;
-        }
-        printLine(path + ": " + attribute + " set");
-        ++written;
+        (label(how, options.root, names[index], record) ? written : refused)++;
     }
     printLine(countOf(written, "file") + (options.dryRun ? " to label, " : " labelled, ") +
               std::to_string(refused) + " refused");

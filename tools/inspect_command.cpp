@@ -9,7 +9,6 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include <sys/stat.h>
 #include <openssl/bio.h>
 #include <openssl/buffer.h>
 #include <openssl/cms.h>
@@ -18,10 +17,11 @@
 
 #include <sealkeep/sealkeep.hpp>
 
-#include "block_layout.hpp"
 #include "cli.hpp"
+#include "json_output.hpp"
 #include "owned.hpp"
 #include "package_files.hpp"
+#include "signed_attributes.hpp"
 #include "signature_records.hpp"
 
 namespace sealkeep::cli {
@@ -54,13 +54,6 @@ std::string nameText(X509_NAME const* name)
     BUF_MEM* buffer = nullptr;
     BIO_get_mem_ptr(bio.get(), &buffer);
     return std::string(buffer->data, buffer->length);
-}
-
-// A signature of this library has exactly one signer.
-CMS_SignerInfo* onlySigner(CMS_ContentInfo* cms)
-{
-    STACK_OF(CMS_SignerInfo)* signers = cms ? CMS_get0_SignerInfos(cms) : nullptr;
-    return signers && sk_CMS_SignerInfo_num(signers) > 0 ? sk_CMS_SignerInfo_value(signers, 0) : nullptr;
 }
 
 // The signingTime attribute of the only signer; empty when absent.
@@ -113,16 +106,6 @@ std::string fileName(std::vector<std::string> const& names, long index)
     return index >= 0 && static_cast<std::size_t>(index) < names.size() ? names[index] : "";
 }
 
-// Whether the signer signed the attribute the library registered under
-// shortName when it was loaded. Countersignatures carry no per-file tables,
-// and asking the library for an absent one prints a complaint.
-bool hasSignedAttribute(CMS_ContentInfo* cms, char const* shortName)
-{
-    CMS_SignerInfo* signer = onlySigner(cms);
-    int nid = OBJ_sn2nid(shortName);
-    return signer && nid != NID_undef && CMS_signed_get_attr_by_NID(signer, nid, -1) >= 0;
-}
-
 // which: 0 for IMA signatures, 1 for trusted-application headers.
 json describeFileSignatures(Cms const& cms, int which, std::vector<std::string> const& names)
 {
@@ -160,24 +143,31 @@ json describeFileSignatures(Cms const& cms, int which, std::vector<std::string> 
     return entries;
 }
 
-json describePackage(std::string const& path, PackageSignatures::FileWithCmses& file,
-                     std::vector<BlockLayout> const& layout, bool withFiles)
+json coveredJson(PackageSignatures::BlockLocation const& at)
 {
+    if (!at.covered)
+        return nullptr;
+    return {{"begin", at.coveredBegin}, {"end", at.coveredEnd}};
+}
+
+json describePackage(std::string const& path, PackageSignatures::FileWithCmses& file, bool withFiles)
+{
+    // Both lists come from the library's one bounded scan, block for block in
+    // the same order.
     std::vector<Cms> cmses = file.cmses();
-    // isRpmPackage() never returns on a file shorter than its 4-byte magic.
-    struct stat status {};
-    const bool rpm = fstat(file.fd(), &status) == 0 && status.st_size >= 4 && file.isRpmPackage();
+    std::vector<PackageSignatures::BlockLocation> locations = file.blockLocations();
+    const bool rpm = hasRpmLead(file.fd());
     std::vector<std::string> names = rpm ? packageFileNames(path) : std::vector<std::string>{};
     json blocks = json::array();
-    for (std::size_t i = 0; i < cmses.size() && i < layout.size(); ++i) {
-        BlockLayout const& at = layout[i];
+    for (std::size_t i = 0; i < cmses.size() && i < locations.size(); ++i) {
+        PackageSignatures::BlockLocation const& at = locations[i];
         json files = describeFileSignatures(cmses[i], 0, names);
         json block = {{"index", i + 1},
                       {"version", at.version},
                       {"begin", at.begin},
                       {"end", at.end},
                       {"length", at.end - at.begin},
-                      {"covered", {{"begin", at.coveredBegin}, {"end", at.coveredEnd}}},
+                      {"covered", coveredJson(at)},
                       {"signer", describeSigner(cmses[i])},
                       {"rotationChain", describeRotations(cmses[i])},
                       {"fileSignatures", {{"count", files.size()}}},
@@ -192,6 +182,14 @@ json describePackage(std::string const& path, PackageSignatures::FileWithCmses& 
 std::string rangeText(json const& from, json const& to)
 {
     return std::to_string(from.get<long long>()) + ".." + std::to_string(to.get<long long>());
+}
+
+// A later block of a version that tells no range signs bytes nobody can name.
+std::string coveredText(json const& covered)
+{
+    if (covered.is_null())
+        return "signs no range this command knows (unknown block version)";
+    return "signs bytes " + rangeText(covered["begin"], covered["end"]);
 }
 
 void printSigner(json const& signer)
@@ -215,7 +213,7 @@ void printBlock(json const& block, bool withFiles)
     printLine("block " + std::to_string(block["index"].get<int>()) + ": version " +
               std::to_string(block["version"].get<unsigned>()) + ", CMS at " +
               rangeText(block["begin"], block["end"]) + " (" + std::to_string(block["length"].get<long long>()) +
-              " bytes), signs bytes " + rangeText(block["covered"]["begin"], block["covered"]["end"]));
+              " bytes), " + coveredText(block["covered"]));
     printSigner(block["signer"]);
     json const& rotations = block["rotationChain"];
     if (rotations.empty()) {
@@ -254,14 +252,13 @@ void printBlock(json const& block, bool withFiles)
 int runInspect(InspectOptions const& options)
 {
     auto file = PackageSignatures::FileWithCmses::fromPath(options.package.c_str(), "r");
-    auto layout = readBlockLayout(options.package);
-    if (!file || !layout) {
+    if (!file) {
         reportFailure(options.package, "cannot open: " + systemReason());
         return statusFailed;
     }
-    json description = describePackage(options.package, *file, *layout, options.files);
+    json description = describePackage(options.package, *file, options.files);
     if (options.json) {
-        printLine(description.dump(2));
+        printJson(description);
         return statusOk;
     }
     json const& blocks = description["blocks"];

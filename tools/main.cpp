@@ -1,6 +1,7 @@
 // The sealkeep command: signs, verifies and inspects packages, runs a small
 // certificate authority and builds key-rotation chains, all through the
 // library's public interfaces.
+#include <exception>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
@@ -37,6 +38,11 @@ int main(int argc, char** argv)
     } catch (CLI::ParseError const& e) {
         std::cerr << "sealkeep: " << e.what() << " (see --help)" << std::endl;
         return statusUsage;
+    } catch (std::exception const& e) {
+        // Whatever a subcommand did not expect ends the command with one
+        // line, never with an abort.
+        std::cerr << "sealkeep: " << e.what() << std::endl;
+        return statusFailed;
     }
     return status;
 }

@@ -1,9 +1,13 @@
-// The OpenSSL and library objects the command owns, each released by its own
-// free function when the owner goes out of scope.
+// The OpenSSL and library objects and the file descriptors the command owns,
+// each released by its own free function (or close) when the owner goes out
+// of scope.
 #ifndef SEALKEEP_TOOLS_OWNED_HPP
 #define SEALKEEP_TOOLS_OWNED_HPP
 
 #include <memory>
+#include <utility>
+
+#include <unistd.h>
 
 #include <openssl/bio.h>
 #include <openssl/evp.h>
@@ -30,6 +34,33 @@ using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, FreeWith<EVP_PKEY_CTX_free>>;
 using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, FreeWith<EVP_MD_CTX_free>>;
 using ChainPtr = std::unique_ptr<ProofOfRotationChain, FreeWith<ProofOfRotationChain_free>>;
 using FileSignaturesPtr = std::unique_ptr<FileSignatures, FreeWith<FileSignatures_free>>;
+
+// A file descriptor, closed by its owner; -1 when it holds none.
+class UniqueFd {
+public:
+    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    ~UniqueFd()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept
+    {
+        UniqueFd(std::move(other)).swap(*this);
+        return *this;
+    }
+    UniqueFd(UniqueFd const&) = delete;
+    UniqueFd& operator=(UniqueFd const&) = delete;
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+private:
+    void swap(UniqueFd& other) noexcept { std::swap(fd_, other.fd_); }
+
+    int fd_;
+};
 
 }  // namespace sealkeep::cli
 

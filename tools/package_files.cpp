@@ -1,8 +1,12 @@
-// Reading file names from an RPM header with librpm. The header is read
-// without a transaction set, so the package's own RPM signatures are not
-// judged here.
+// Recognising an RPM package by its lead, and reading file names from its
+// header with librpm. The header is read without a transaction set, so the
+// package's own RPM signatures are not judged here.
 #include "package_files.hpp"
 
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 
@@ -12,6 +16,22 @@
 #include <rpm/rpmlib.h>
 
 namespace sealkeep::cli {
+
+bool hasRpmLead(int fd)
+{
+    static constexpr std::array<unsigned char, 4> magic = {0xED, 0xAB, 0xEE, 0xDB};
+    std::array<unsigned char, 4> lead{};
+    std::size_t got = 0;
+    while (got < lead.size()) {
+        ssize_t n = pread(fd, lead.data() + got, lead.size() - got, static_cast<off_t>(got));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        got += static_cast<std::size_t>(n);
+    }
+    return lead == magic;
+}
 
 std::vector<std::string> packageFileNames(std::string const& path)
 {

@@ -6,11 +6,15 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
+#include <openssl/err.h>
+#include <openssl/pem.h>
 
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "json_output.hpp"
 #include "owned.hpp"
+#include "pending_output.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -35,6 +39,18 @@ json describeCertificate(std::shared_ptr<PackageSignatures::Certificate> const& 
     return {{"subject", certificate->subject()}, {"keyId", certificate->keyId()}};
 }
 
+// The chain at path, read without a word on failure: what the library wrote
+// is checked before it replaces anything.
+ChainPtr readChainQuietly(std::string const& path)
+{
+    BioPtr bio(BIO_new_file(path.c_str(), "r"));
+    ChainPtr chain(bio ? PEM_read_bio_ProofOfRotationChain(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    ERR_clear_error();
+    return chain;
+}
+
+// The chain is written beside its destination and moved into place only
+// when complete, so that a failure leaves an existing chain as it was.
 int runRotate(RotateOptions const& options)
 {
     bool exists = static_cast<bool>(std::ifstream(options.chain));
@@ -46,13 +62,27 @@ int runRotate(RotateOptions const& options)
         reportFailure(options.chain, "already exists (use --append to add a rotation to it)");
         return statusFailed;
     }
+    std::string why;
+    auto output = PendingOutput::create(options.chain, why);
+    if (!output) {
+        reportFailure(options.chain, why);
+        return statusFailed;
+    }
     char const* in = options.append ? options.chain.c_str() : nullptr;
-    if (make_proof_of_rotation_chain(options.chain.c_str(), in, options.oldCert.c_str(), options.oldKey.c_str(),
+    if (make_proof_of_rotation_chain(output->path().c_str(), in, options.oldCert.c_str(), options.oldKey.c_str(),
                                      options.newCert.c_str(), options.newKey.c_str()) != 0) {
         reportFailure(options.chain, "rotation not recorded");
         return statusFailed;
     }
-    ChainPtr chain(ProofOfRotationChain_read(options.chain.c_str()));
+    ChainPtr chain = readChainQuietly(output->path());
+    if (!chain) {
+        reportFailure(options.chain, "rotation not recorded: what was written does not read back as a chain");
+        return statusFailed;
+    }
+    if (!output->commit()) {
+        reportFailure(options.chain, "rotation not written: " + systemReason());
+        return statusFailed;
+    }
     printLine(options.chain + ": " + countOf(ProofOfRotationChain_count(chain.get()), "rotation") +
               ", newest key " + PackageSignatures::Certificate::readCertificateFromFile(
                                               options.newCert.c_str()).keyId());
@@ -72,7 +102,7 @@ int runShow(ShowOptions const& options)
         rotations.push_back({{"old", describeCertificate(rotation->oldCertificate())},
                              {"new", describeCertificate(rotation->newCertificate())}});
     if (options.json) {
-        printLine(json{{"path", options.chain}, {"verified", verified}, {"rotations", rotations}}.dump(2));
+        printJson({{"path", options.chain}, {"verified", verified}, {"rotations", rotations}});
     } else {
         printLine(options.chain + ": " + countOf(rotations.size(), "rotation") + ", " +
                   (verified ? "every proof verifies" : "DOES NOT VERIFY"));

@@ -1,11 +1,16 @@
 // sealkeep sign: appends one signature to each package named, on up to
 // --jobs threads. Packages are independent: a package that cannot be signed
 // is reported and left as it was, and the others go on.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
+#include <exception>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -14,6 +19,7 @@
 
 #include "cli.hpp"
 #include "credentials.hpp"
+#include "package_snapshot.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -33,44 +39,107 @@ struct SignOptions {
     unsigned jobs = 1;
 };
 
-std::string joinGroups(std::vector<PackageSignatures::Cms> const& cmses)
+// A stack holds at most three signatures.
+constexpr std::size_t stackSize = 3;
+
+std::string groupName(PackageSignatures::Group group)
 {
-    if (cmses.empty())
-        return "none";
-    std::string text;
-    for (auto const& cms : cmses) {
-        auto certificate = cms.certificate();
-        std::string group = certificate ? PackageSignatures::groupToString(certificate->group()) : "";
-        text += (text.empty() ? "" : ", ") + (group.empty() ? std::string("unknown") : group);
-    }
-    return text;
+    std::string text = PackageSignatures::groupToString(group);
+    return text.empty() ? "group-less" : text;
 }
 
-bool signPackage(std::string const& path, Credentials const& credentials, SignOptions const& options)
+// "developer, seclab, client"; "none" for an unsigned package. Reading the
+// signers makes the library report each block it cannot decode, so this is
+// asked only to explain a refusal.
+std::string groupsPresent(PackageSignatures::FileWithCmses const& file)
+{
+    std::string text;
+    for (auto const& cms : file.cmses()) {
+        auto certificate = cms.certificate();
+        std::string group = !certificate || !certificate->get()
+                                ? std::string("unreadable")
+                                : PackageSignatures::groupToString(certificate->group());
+        text += (text.empty() ? "" : ", ") + (group.empty() ? std::string("no group") : group);
+    }
+    return text.empty() ? "none" : text;
+}
+
+// Why a signer of group may not sign the file as it is now; empty when it
+// may. Asked before anything is written, so that a refused package is never
+// touched.
+std::string refusalOf(PackageSignatures::FileWithCmses& file, PackageSignatures::Group group, bool replace)
+{
+    // A developer replacement cuts every block, also those in front of the
+    // newest four that the scan (and so the snapshot) reaches: a failure
+    // could not put them back.
+    if (replace && group == PackageSignatures::Group::Developer && file.blockLocations().size() > stackSize)
+        return "it carries more signature blocks than a stack holds, which a developer replacement would cut "
+               "beyond recovery; strip it first";
+    if (file.maySign(group, replace))
+        return {};
+    return "a " + groupName(group) + " signature cannot take the next position of the stack as it stands" +
+           (replace ? ", even with --replace" : "") + " (signatures: " + groupsPresent(file) + ")";
+}
+
+// Signs one package; on any refusal or failure the package is left byte for
+// byte as it was, and one line says why.
+bool signPackage(std::string const& path, PackageSignatures::Group group, Credentials const& credentials,
+                 SignOptions const& options)
 {
     auto file = PackageSignatures::FileWithCmses::fromPath(path.c_str(), "r+");
     if (!file) {
         reportFailure(path, "cannot open for signing: " + systemReason());
         return false;
     }
-    std::string before = joinGroups(file->cmses());
-    std::string group = PackageSignatures::groupToString(
-        PackageSignatures::Certificate(credentials.certificate.get()).group());
-    unsigned taAlgorithm = options.taAlgorithm == "pkcs1" ? taAlgorithmPkcs1 : taAlgorithmPss;
-    bool signedOk = file->sign(credentials.certificate.get(), credentials.key.get(), credentials.taKey.get(),
-                               taAlgorithm, credentials.rotationChain.get(), options.replace,
-                               options.format == 3, !options.noFileSignatures);
-    if (!signedOk) {
-        reportFailure(path, "not signed: a " + (group.empty() ? std::string("group-less") : group) +
-                                " signature was refused or failed (signatures before: " + before + ")");
+    std::string refusal = refusalOf(*file, group, options.replace);
+    if (!refusal.empty()) {
+        reportFailure(path, "not signed: " + refusal);
         return false;
     }
-    printLine(path + ": signed as " + group + " (" + countOf(file->cmses().size(), "signature") + ")");
+    // Only a replacement cuts blocks; an append needs only the former size.
+    std::string why;
+    auto snapshot = PackageSnapshot::take(*file, options.replace, why);
+    if (!snapshot) {
+        reportFailure(path, "not signed: " + why);
+        return false;
+    }
+    unsigned taAlgorithm = options.taAlgorithm == "pkcs1" ? taAlgorithmPkcs1 : taAlgorithmPss;
+    if (!file->sign(credentials.certificate.get(), credentials.key.get(), credentials.taKey.get(), taAlgorithm,
+                    credentials.rotationChain.get(), options.replace, options.format == 3,
+                    !options.noFileSignatures)) {
+        if (!snapshot->restore(file->fd())) {
+            reportFailure(path, "not signed, and it could not be put back as it was: " + systemReason());
+            return false;
+        }
+        reportFailure(path, "not signed: signing as " + groupName(group) + " failed; the package is left as it was");
+        return false;
+    }
+    printLine(path + ": signed as " + groupName(group) + " (" + countOf(file->cmses().size(), "signature") + ")");
     return true;
+}
+
+// Two threads appending to one file would interleave their blocks, so each
+// file may be named once, whatever path names it.
+bool namesAFileTwice(std::vector<std::string> const& packages)
+{
+    std::map<std::pair<dev_t, ino_t>, std::string> seen;
+    for (auto const& path : packages) {
+        struct stat status {};
+        if (stat(path.c_str(), &status) != 0)
+            continue;  // reported when it is opened for signing
+        auto [first, fresh] = seen.emplace(std::make_pair(status.st_dev, status.st_ino), path);
+        if (!fresh) {
+            reportFailure(path, "the same file as " + first->second + ", named twice; name each package once");
+            return true;
+        }
+    }
+    return false;
 }
 
 int runSign(SignOptions& options)
 {
+    if (namesAFileTwice(options.packages))
+        return statusUsage;
     if (!options.passFile.empty()) {
         options.files.passPhrase = readPassPhrase(options.passFile);
         if (!options.files.passPhrase)
@@ -85,13 +154,21 @@ int runSign(SignOptions& options)
             return statusFailed;
         credentials.push_back(std::move(*loaded));
     }
+    const PackageSignatures::Group group = PackageSignatures::Certificate(credentials[0].certificate.get()).group();
 
     std::atomic<std::size_t> next{0};
     std::atomic<bool> anyFailed{false};
     auto work = [&](Credentials const& own) {
         for (std::size_t i; (i = next++) < options.packages.size();) {
-            if (!signPackage(options.packages[i], own, options))
+            std::string const& path = options.packages[i];
+            // An exception must not leave a worker thread (that would abort).
+            try {
+                if (!signPackage(path, group, own, options))
+                    anyFailed = true;
+            } catch (std::exception const& e) {
+                reportFailure(path, std::string("not signed: ") + e.what());
                 anyFailed = true;
+            }
         }
     };
     std::vector<std::thread> workers;

@@ -1,9 +1,12 @@
-// Decoding IMA signature records and OP-TEE signed headers for display.
+// Decoding IMA signature records and OP-TEE signed headers, for display and
+// for checking a record against the file it labels.
 #include "signature_records.hpp"
 
 #include <array>
 #include <cstdio>
 #include <vector>
+
+#include <openssl/obj_mac.h>
 
 namespace sealkeep::cli {
 namespace {
@@ -13,14 +16,30 @@ constexpr std::uint32_t taMagic = 0x4F545348u;  // "HSTO"
 constexpr std::size_t taFixedSize = 20;         // magic .. sig_size
 constexpr std::size_t taTrailerSize = 20;       // UUID and TA version
 
-// The kernel's enum hash_algo, in its order.
-std::string imaHashName(unsigned number)
-{
-    static const std::array<const char*, 20> names = {
-        "md4",    "md5",    "sha1",   "rmd160", "sha256", "sha384", "sha512", "sha224", "rmd128",      "rmd256",
-        "rmd320", "wp256",  "wp384",  "wp512",  "tgr128", "tgr160", "tgr192", "sm3",    "streebog256", "streebog512"};
-    return number < names.size() ? names[number] : "unknown(" + std::to_string(number) + ")";
-}
+// The kernel's enum hash_algo, in its order, with OpenSSL's digest for each
+// one this command can compute.
+constexpr std::array<ImaHashAlgorithm, 20> imaHashAlgorithms = {{
+    {"md4", NID_md4},
+    {"md5", NID_md5},
+    {"sha1", NID_sha1},
+    {"rmd160", NID_ripemd160},
+    {"sha256", NID_sha256},
+    {"sha384", NID_sha384},
+    {"sha512", NID_sha512},
+    {"sha224", NID_sha224},
+    {"rmd128", NID_undef},
+    {"rmd256", NID_undef},
+    {"rmd320", NID_undef},
+    {"wp256", NID_undef},
+    {"wp384", NID_undef},
+    {"wp512", NID_undef},
+    {"tgr128", NID_undef},
+    {"tgr160", NID_undef},
+    {"tgr192", NID_undef},
+    {"sm3", NID_sm3},
+    {"streebog256", NID_id_GostR3411_2012_256},
+    {"streebog512", NID_id_GostR3411_2012_512},
+}};
 
 std::string taAlgorithmName(std::uint32_t algorithm)
 {
@@ -71,16 +90,30 @@ unsigned le16(unsigned char const* p)
 
 }  // namespace
 
+std::optional<ImaHashAlgorithm> imaHashAlgorithm(unsigned number)
+{
+    if (number >= imaHashAlgorithms.size())
+        return std::nullopt;
+    return imaHashAlgorithms[number];
+}
+
 std::optional<ImaRecord> decodeImaRecord(unsigned char const* data, std::size_t size)
 {
     if (!data || size < imaHeaderSize || data[0] != 3 || data[1] != 2)
         return std::nullopt;
     ImaRecord record;
-    record.hashAlgorithm = imaHashName(data[2]);
+    if (auto algorithm = imaHashAlgorithm(data[2])) {
+        record.hashAlgorithm = algorithm->name;
+        record.hashNid = algorithm->nid;
+    } else {
+        record.hashAlgorithm = "unknown(" + std::to_string(data[2]) + ")";
+        record.hashNid = NID_undef;
+    }
     record.keyId = hexOf(data + 3, 4);
     record.signatureSize = (data[7] << 8) | data[8];
     if (size != imaHeaderSize + record.signatureSize)
         return std::nullopt;
+    record.signature.assign(data + imaHeaderSize, data + size);
     return record;
 }
 

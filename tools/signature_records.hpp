@@ -8,13 +8,25 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace sealkeep::cli {
 
+// A digest as an IMA record numbers it: the kernel's enum hash_algo.
+struct ImaHashAlgorithm {
+    char const* name;  // the kernel's name, e.g. "streebog256"
+    int nid;           // OpenSSL's; NID_undef where OpenSSL has no such digest
+};
+
+// The algorithm the kernel numbers so; nothing for a number it does not use.
+std::optional<ImaHashAlgorithm> imaHashAlgorithm(unsigned number);
+
 struct ImaRecord {
-    std::string hashAlgorithm;  // the kernel's name, e.g. "streebog256"
+    std::string hashAlgorithm;  // the kernel's name, or "unknown(N)"
+    int hashNid = 0;            // OpenSSL's NID of it; NID_undef (0) when none
     std::string keyId;          // the 4 key-id bytes in hexadecimal
     unsigned signatureSize = 0;
+    std::vector<unsigned char> signature;
 };
 
 // Type 3, version 2, hash algorithm, 4-byte key id, big-endian signature

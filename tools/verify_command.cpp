@@ -1,6 +1,5 @@
 // sealkeep verify: the verdict of the library on each package's signature
 // stack against a CA file.
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,6 +10,7 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "json_output.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -26,13 +26,13 @@ using PackageSignatures::VerificationReason;
 using PackageSignatures::VerificationReport;
 
 // What a person reads for each reason; the JSON carries the reason's name.
-std::string explain(VerificationReason reason)
+std::string explain(VerificationReason reason, std::string const& ca)
 {
     switch (reason) {
     case VerificationReason::Ok:
         return "verified";
     case VerificationReason::UnreadableCa:
-        return "no CA certificate could be read";
+        return "no CA certificates could be read from " + ca;
     case VerificationReason::NoSignatures:
         return "no signatures";
     case VerificationReason::TooManySignatures:
@@ -64,15 +64,15 @@ nlohmann::json blockJson(BlockVerification const& block)
 }
 
 // "block 1 of 3 (developer, covers bytes [0, 4096)): the rotation chain ..."
-std::string refusal(VerificationReport const& report)
+std::string refusal(VerificationReport const& report, std::string const& ca)
 {
     if (report.blocks.empty())
-        return explain(report.reason);
+        return explain(report.reason, ca);
     BlockVerification const& block = report.blocks.back();
     std::string group = PackageSignatures::groupToString(block.group);
     return "block " + std::to_string(block.index + 1) + " of " + std::to_string(report.signatures) + " (" +
            (group.empty() ? "" : group + ", ") + "covers bytes [" + std::to_string(block.coveredBegin) + ", " +
-           std::to_string(block.coveredEnd) + ")): " + explain(block.reason);
+           std::to_string(block.coveredEnd) + ")): " + explain(block.reason, ca);
 }
 
 // The verdict on one package, with the blocks checked, newest first.
@@ -91,16 +91,14 @@ nlohmann::json verifyPackage(std::string const& path, std::string const& ca)
     for (BlockVerification const& block : report.blocks)
         result["blocks"].push_back(blockJson(block));
     if (!report.verified)
-        result["error"] = refusal(report);
+        result["error"] = refusal(report, ca);
     return result;
 }
 
+// A CA file that cannot be read is the library's to report, package by
+// package (unreadable_ca), so that --json always answers for every package.
 int runVerify(VerifyOptions const& options)
 {
-    if (!std::ifstream(options.ca)) {
-        reportFailure(options.ca, "cannot read the CA certificates: " + systemReason());
-        return statusFailed;
-    }
     nlohmann::json packages = nlohmann::json::array();
     bool allVerified = true;
     for (auto const& path : options.packages) {
@@ -117,7 +115,7 @@ int runVerify(VerifyOptions const& options)
         packages.push_back(std::move(result));
     }
     if (options.json)
-        printLine(nlohmann::json{{"packages", packages}}.dump(2));
+        printJson({{"packages", packages}});
     return allVerified ? statusOk : statusFailed;
 }
 

@@ -1,6 +1,6 @@
 #include "support/sealkeep_command.hpp"
 
-// Without the built command, the one on PATH.
+// Without the command's test installation, the one on PATH.
 #ifndef SEALKEEP_CLI
 #define SEALKEEP_CLI "sealkeep"
 #endif
@@ -15,12 +15,32 @@ std::string shellQuoted(std::string const& text)
     return quoted + "'";
 }
 
-CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const& args)
+namespace {
+
+CommandResult runIn(std::string const& dir, std::string const& prefix, std::vector<std::string> const& args)
 {
-    std::string line = "cd " + shellQuoted(dir) + " && exec " + shellQuoted(SEALKEEP_CLI);
+    std::string line = "cd " + shellQuoted(dir) + " && " + prefix + shellQuoted(SEALKEEP_CLI);
     for (auto const& arg : args)
         line += " " + shellQuoted(arg);
     return runShell(line);
+}
+
+}  // namespace
+
+CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const& args)
+{
+    return runIn(dir, "exec ", args);
+}
+
+CommandResult runSealkeepWithin(int seconds, std::string const& dir, std::vector<std::string> const& args)
+{
+    return runIn(dir, "exec timeout -s KILL " + std::to_string(seconds) + " ", args);
+}
+
+CommandResult runSealkeepWithFileSizeLimit(long bytes, std::string const& dir, std::vector<std::string> const& args)
+{
+    // An ignored signal stays ignored across exec.
+    return runIn(dir, "trap '' XFSZ && exec prlimit --fsize=" + std::to_string(bytes) + " ", args);
 }
 
 }  // namespace sealkeep::test

@@ -1,5 +1,6 @@
-// Running the built sealkeep command as a person would: from a shell in a
-// working directory, with plain arguments.
+// Running the sealkeep command as a person would: the installed executable
+// (the test fixture installs the build tree first), from a shell in a working
+// directory, with plain arguments and no library path in the environment.
 #ifndef SEALKEEP_TESTS_SUPPORT_SEALKEEP_COMMAND_HPP
 #define SEALKEEP_TESTS_SUPPORT_SEALKEEP_COMMAND_HPP
 
@@ -12,6 +13,12 @@ namespace sealkeep::test {
 
 // Runs `sealkeep args...` in dir.
 CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const& args);
+// The same, killed after seconds (exit code 137 then), for inputs that must
+// not make the command run on.
+CommandResult runSealkeepWithin(int seconds, std::string const& dir, std::vector<std::string> const& args);
+// The same, allowed to write files up to bytes long only (SIGXFSZ ignored, so
+// a write beyond fails with EFBIG, as on a full disk).
+CommandResult runSealkeepWithFileSizeLimit(long bytes, std::string const& dir, std::vector<std::string> const& args);
 // The text as one shell word.
 std::string shellQuoted(std::string const& text);
 
