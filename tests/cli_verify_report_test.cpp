@@ -223,6 +223,21 @@ TEST_F(CliVerifyReport, AChangedPayloadIsAContentDigestMismatch)
                   "content_digest_mismatch");
 }
 
+// The signature value ends the CMS, which ends 12 bytes before the end of a
+// block: a changed byte there leaves the signed digest matching the package.
+TEST_F(CliVerifyReport, AChangedSignatureValueIsAnInvalidSignature)
+{
+    std::string package = freshPackage();
+    ASSERT_EQ(signAs(pki->developer(), package).exitCode, 0);
+    Bytes bytes = readFile(package);
+    bytes.at(bytes.size() - 12 - 1) ^= 1;
+    writeFile(package, bytes);
+    expectRefusal(package,
+                  "block 1 of 1 (covers bytes [0, " + packageBytes() +
+                      ")): the signature value does not verify with the signer's key",
+                  "signature_invalid");
+}
+
 TEST_F(CliVerifyReport, ARotationProofSignedByTheWrongKeyIsAnInvalidChain)
 {
     X509Ptr seclabCert = loadCertificate(pki->seclab().certPath);

@@ -49,6 +49,8 @@ std::string explain(VerificationReason reason, std::string const& ca)
         return "the rotation chain does not end at the signer's key";
     case VerificationReason::CmsMalformed:
         return "the CMS is malformed (undecodable, not exactly one signer, or unknown block version)";
+    case VerificationReason::SignatureInvalid:
+        return "the signature value does not verify with the signer's key";
     }
     return PackageSignatures::reasonName(reason);
 }
