@@ -114,6 +114,22 @@ protected:
 
     void SetUp() override { sealkeep::setDatabaseBusyTimeoutForTests(waitMs); }
     void TearDown() override { sealkeep::setDatabaseBusyTimeoutForTests(0); }
+
+    // An open that found the fresh file busy printed the busy line and left
+    // the file without tables or version; the next open creates it.
+    void expectLeftFreshThenCreated(std::string const& printed)
+    {
+        EXPECT_EQ(std::string(busyLine) + "\n", printed);
+        {
+            SqliteFile untouched(files.databasePath());
+            EXPECT_EQ(Rows{}, untouched.tables());
+            EXPECT_EQ(0, untouched.userVersion());
+        }
+        EXPECT_EQ("", stderrOf([&] { openDatabase(files); }));
+        SqliteFile created(files.databasePath());
+        EXPECT_EQ(currentTables, created.tables());
+        EXPECT_EQ(4, created.userVersion());
+    }
 };
 
 TEST_F(BusyDatabase, UpdateThatCannotCommitFailsAndLosesNothingReported)
@@ -151,16 +167,7 @@ TEST_F(BusyDatabase, FreshFileThatCannotCommitIsReportedAndCreatedByTheNextOpen)
         printed = stderrOf([&] { openDatabase(files); });
         EXPECT_TRUE(reader.finish());
     }
-    EXPECT_EQ(std::string(busyLine) + "\n", printed);
-    {
-        SqliteFile file(files.databasePath());
-        EXPECT_EQ(Rows{}, file.tables());
-        EXPECT_EQ(0, file.userVersion());
-    }
-    EXPECT_EQ("", stderrOf([&] { openDatabase(files); }));
-    SqliteFile file(files.databasePath());
-    EXPECT_EQ(currentTables, file.tables());
-    EXPECT_EQ(4, file.userVersion());
+    expectLeftFreshThenCreated(printed);
     EXPECT_EQ((Rows{"b1|1"}), revokedRows(files));
 }
 
@@ -194,16 +201,7 @@ TEST_F(BusyDatabase, FreshFileWhoseTablesCannotBeCountedIsReportedBusy)
         printed = stderrOf([&] { openDatabase(files); });
         EXPECT_TRUE(writer.finish());
     }
-    EXPECT_EQ(std::string(busyLine) + "\n", printed);
-    {
-        SqliteFile file(files.databasePath());
-        EXPECT_EQ(Rows{}, file.tables());
-        EXPECT_EQ(0, file.userVersion());
-    }
-    EXPECT_EQ("", stderrOf([&] { openDatabase(files); }));
-    SqliteFile file(files.databasePath());
-    EXPECT_EQ(currentTables, file.tables());
-    EXPECT_EQ(4, file.userVersion());
+    expectLeftFreshThenCreated(printed);
 }
 
 TEST_F(BusyDatabase, WritesBlockedByAWriterFailAsBusy)
