@@ -54,10 +54,6 @@ std::vector<unsigned char> makeBlock(unsigned char const* der, std::size_t lengt
     return block;
 }
 
-}  // namespace
-
-namespace {
-
 // What signing a signer of some group does to the file as it is now.
 struct SigningPlan {
     std::optional<long> cut;      // where a replacement truncates the file first
@@ -65,12 +61,14 @@ struct SigningPlan {
     std::int64_t rangeBegin = 0;  // the first byte the new signature covers
 };
 
-// The group of the signer of the block at location; None when its CMS does
-// not decode or names no signer.
-Group signerGroupOf(FILE* file, CmsLocation const& location)
+// The group of the signer of the block at location; empty when its CMS does
+// not decode or names no signer, so that it never matches a signer's group.
+std::optional<Group> signerGroupOf(FILE* file, CmsLocation const& location)
 {
     auto certificate = readCms(file, location).certificate();
-    return certificate ? certificate->group() : Group::None;
+    if (!certificate || !certificate->get())
+        return std::nullopt;
+    return certificate->group();
 }
 
 // Only the newest block is ever read: a replacement compares its signer,
@@ -92,7 +90,7 @@ SigningPlan planSigning(FILE* file, Group group, bool replace)
     if (locations.size() >= maxSignatures)
         return plan;
     const Group newest =
-        locations.size() == 2 ? signerGroupOf(file, locations.back()) : Group::None;
+        locations.size() == 2 ? signerGroupOf(file, locations.back()).value_or(Group::None) : Group::None;
     plan.allowed = mayTakeNextPosition(group, locations.size(), newest);
     plan.rangeBegin = locations.empty() ? 0 : locations.back().begin;
     return plan;

@@ -289,8 +289,8 @@ TEST_F(PackageSigning, MaySignAnswersForTheStackAsItIs)
 }
 
 // A newest block whose CMS does not decode has no signer to compare with: a
-// replacement then removes nothing (and the signer is refused), instead of
-// asking a missing certificate for its group.
+// replacement then removes nothing (and the signer is refused), even for a
+// signer whose own certificate has no group either.
 TEST_F(PackageSigning, ReplacingAboveAnUndecodableBlockRemovesNothing)
 {
     ASSERT_TRUE(signFile(path, pki->developer()));
@@ -302,6 +302,10 @@ TEST_F(PackageSigning, ReplacingAboveAnUndecodableBlockRemovesNothing)
     });
     EXPECT_EQ(before, readFile(path));
     EXPECT_NE(std::string::npos, errors.find("Could not decode DER CMS")) << errors;
+    // Nor does a signer without a group take the undecodable block for one
+    // of its own.
+    stderrOf([&] { EXPECT_FALSE(signFile(path, ungrouped, replacing())); });
+    EXPECT_EQ(before, readFile(path));
     // A developer replaces everything, the undecodable block too.
     stderrOf([&] { EXPECT_TRUE(signFile(path, otherDeveloper, replacing())); });
     ASSERT_EQ(1u, blocks().size());
