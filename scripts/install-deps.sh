@@ -11,6 +11,7 @@ packages=(
   libglib2.0-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   zstd cpio ima-evm-utils attr
+  strace e2fsprogs util-linux mount
   libcli11-dev nlohmann-json3-dev help2man
 )
 

@@ -2,20 +2,35 @@
 // signature blocks appended to it.
 #include <sealkeep/file_with_cmses.hpp>
 
+#include <algorithm>
+#include <cerrno>
 #include <iostream>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "file_with_cmses_impl.hpp"
+#include "package_lock.hpp"
 #include "signed_file_layout.hpp"
 
 namespace PackageSignatures {
 
-FileWithCmses::FileWithCmses(FILE* file) : file_(file) {}
+void FileWithCmses::Impl::replaceStream(FILE* other)
+{
+    if (file)
+        fclose(file);
+    file = other;
+}
+
+FileWithCmses::FileWithCmses(FILE* file) : impl_(std::make_unique<Impl>())
+{
+    impl_->file = file;
+}
 
 FileWithCmses::~FileWithCmses()
 {
-    if (file_)
-        fclose(file_);
+    if (impl_->file)
+        fclose(impl_->file);
 }
 
 std::unique_ptr<FileWithCmses> FileWithCmses::fromPath(char const* path, char const* mode)
@@ -23,7 +38,10 @@ std::unique_ptr<FileWithCmses> FileWithCmses::fromPath(char const* path, char co
     FILE* file = fopen(path, mode);
     if (!file)
         return nullptr;
-    return std::make_unique<FileWithCmses>(file);
+    auto opened = std::make_unique<FileWithCmses>(file);
+    opened->impl_->path = path;
+    opened->impl_->mode = mode;
+    return opened;
 }
 
 std::unique_ptr<FileWithCmses> FileWithCmses::fromPath(char const* path)
@@ -43,25 +61,25 @@ std::unique_ptr<FileWithCmses> FileWithCmses::fromPath(std::string const& path)
 
 int FileWithCmses::fd()
 {
-    return fileno(file_);
+    return fileno(impl_->file);
 }
 
 bool FileWithCmses::isRpmPackage()
 {
     static const std::vector<unsigned char> rpmLeadMagic{0xED, 0xAB, 0xEE, 0xDB};
-    return readFileRange(file_, 0, 4) == rpmLeadMagic;
+    return readFileRange(impl_->file, 0, 4) == rpmLeadMagic;
 }
 
 // No filtering and no decoding: a block that cannot be read becomes an empty
 // Cms, and one that is not DER fails only when it is parsed.
 std::vector<Cms> FileWithCmses::cmses() const
 {
-    return readCmses(file_, locateCmses(file_));
+    return readCmses(impl_->file, locateCmses(impl_->file));
 }
 
 std::vector<BlockLocation> FileWithCmses::blockLocations() const
 {
-    auto locations = locateCmses(file_);
+    auto locations = locateCmses(impl_->file);
     std::vector<BlockLocation> blocks;
     blocks.reserve(locations.size());
     for (std::size_t i = 0; i < locations.size(); ++i) {
@@ -70,7 +88,7 @@ std::vector<BlockLocation> FileWithCmses::blockLocations() const
         block.start = cutOffsetOf(locations[i]);
         block.begin = locations[i].begin;
         block.end = locations[i].end;
-        if (auto range = coveredRange(file_, locations, i)) {
+        if (auto range = coveredRange(impl_->file, locations, i)) {
             block.covered = true;
             block.coveredBegin = range->begin;
             block.coveredEnd = range->end;
@@ -80,14 +98,84 @@ std::vector<BlockLocation> FileWithCmses::blockLocations() const
     return blocks;
 }
 
+FileWithCmses::LockStatus FileWithCmses::lockForWriting(std::chrono::milliseconds timeout)
+{
+    if (impl_->locked)
+        return LockStatus::Locked;
+    if (!impl_->file) {
+        errno = EBADF;
+        return LockStatus::Failed;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto left = timeout.count() < 0 ? timeout
+                                        : std::chrono::ceil<std::chrono::milliseconds>(
+                                              std::max(deadline - std::chrono::steady_clock::now(),
+                                                       std::chrono::steady_clock::duration::zero()));
+        switch (lockExclusive(fd(), left)) {
+        case LockOutcome::Busy:
+            return LockStatus::Busy;
+        case LockOutcome::Failed:
+            return LockStatus::Failed;
+        case LockOutcome::Locked:
+            break;
+        }
+        // The writer waited for may have put a new version in place: the
+        // package is what the path names now.
+        if (impl_->path.empty() || pathNamesFile(impl_->path, fd())) {
+            impl_->locked = true;
+            return LockStatus::Locked;
+        }
+        FILE* current = fopen(impl_->path.c_str(), impl_->mode.c_str());
+        if (!current) {
+            unlockFile(fd());
+            return LockStatus::Failed;
+        }
+        impl_->replaceStream(current);
+    }
+}
+
+void FileWithCmses::unlock()
+{
+    if (impl_->locked && impl_->file)
+        unlockFile(fd());
+    impl_->locked = false;
+}
+
+WriteLockScope::WriteLockScope(FileWithCmses& file) : file_(file)
+{
+    const bool already = file.impl_->locked;
+    held_ = file.lockForWriting(std::chrono::milliseconds(-1)) == FileWithCmses::LockStatus::Locked;
+    taken_ = held_ && !already;
+}
+
+WriteLockScope::~WriteLockScope()
+{
+    if (taken_)
+        file_.unlock();
+}
+
+namespace {
+
+bool isRegularFile(int fd)
+{
+    struct stat status {};
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+}  // namespace
+
+// Truncation is one step: a reader sees the old end or the new one.
 bool FileWithCmses::deleteCmses(bool onlyLast)
 {
-    auto locations = locateCmses(file_);
+    WriteLockScope lock(*this);
+    if (!lock.held() || !isRegularFile(fd()))
+        return false;
+    auto locations = locateCmses(impl_->file);
     if (locations.empty())
         return true;
-    if (onlyLast)
-        return ftruncate(fd(), cutOffsetOf(locations.back())) == 0;
-    return ftruncate(fd(), cutBeforeEveryBlock(file_)) == 0;
+    const long cut = onlyLast ? cutOffsetOf(locations.back()) : cutBeforeEveryBlock(impl_->file);
+    return ftruncate(fd(), cut) == 0 && fsync(fd()) == 0;
 }
 
 }  // namespace PackageSignatures

@@ -1,13 +1,15 @@
-// FileWithCmses::sign: adds one signature to an open package file. It places
-// the signer in the signature stack (optionally replacing an earlier
-// signature), signs the right range with cms_sign and appends the block.
-//
-// There is no rollback: a replacement cut stays when signing then fails, and
-// an interrupted append leaves a partial block that the scan will not accept.
-// Callers that must leave a refused package as it was ask maySign first.
+// FileWithCmses::sign: adds one signature to a package. It places the
+// signer in the signature stack (optionally replacing an earlier signature),
+// signs the range as it will stand after any cut, and only then writes: the
+// package is replaced whole by a new version (a copy made in the same pass
+// that digests the range), so that it is at every instant either as it was
+// or as signed. All of it under the package's write lock.
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <optional>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +18,8 @@
 
 #include "common/chunked_io.hpp"
 #include "common/ossl_ptr.hpp"
+#include "file_with_cmses_impl.hpp"
+#include "package_rewrite.hpp"
 #include "signature_stack.hpp"
 #include "signed_file_layout.hpp"
 #include "tk26sig/cms_sign.hpp"
@@ -100,8 +104,103 @@ SigningPlan planSigning(FILE* file, Group group, bool replace)
 
 bool FileWithCmses::maySign(Group group, bool replace) const
 {
-    return planSigning(file_, group, replace).allowed;
+    return planSigning(impl_->file, group, replace).allowed;
 }
+
+namespace {
+
+// What the signer signs with; none of it is kept.
+struct Signer {
+    X509* certificate;
+    EVP_PKEY* key;
+    EVP_PKEY* taKey;
+    unsigned int taAlgorithm;
+    stack_st_ProofOfRotation* rotationChain;
+    bool skippableFrame;
+    bool signFiles;
+};
+
+// The whole block for a signature over range; empty when signing fails or
+// the signature does not fit in one block.
+std::vector<unsigned char> signedBlock(sealkeep::SignedRange const& range, Signer const& signer)
+{
+    std::size_t derLength = 0;
+    GBytesPtr der(sealkeep::signRange(range, signer.signFiles, signer.key, signer.taKey, signer.taAlgorithm,
+                                      signer.certificate, signer.rotationChain, &derLength));
+    if (!der)
+        return {};
+    // A longer block would not be found by the scan again: the file would
+    // carry a signature that no reader sees.
+    if (derLength > static_cast<std::size_t>(maxCmsLength)) {
+        std::cerr << "Signature of " << derLength << " bytes is larger than the limit of " << maxCmsLength
+                  << " bytes for one block" << std::endl;
+        return {};
+    }
+    return makeBlock(der.get(), derLength, signer.skippableFrame);
+}
+
+std::int64_t sizeOf(int fd)
+{
+    struct stat status {};
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
+        return -1;
+    return status.st_size;
+}
+
+bool openForWriting(int fd)
+{
+    const int flags = fcntl(fd, F_GETFL);
+    return flags != -1 && (flags & O_ACCMODE) != O_RDONLY;
+}
+
+// A new version of the package: [0, rangeBegin) copied, then the signed
+// range [rangeBegin, end) copied while it is digested, then the block. A
+// developer replacement copies [0, end) first and signs the copy, so that
+// the payload walk, which reads a whole file, sees nothing after the cut.
+// Returns the new version's descriptor, or -1.
+int signIntoNewVersion(std::string const& path, int fd, std::int64_t rangeBegin, std::int64_t end,
+                       std::int64_t size, Signer const& signer)
+{
+    auto rewrite = PackageRewrite::begin(path, fd);
+    if (!rewrite) {
+        std::cerr << "sealkeep: cannot write a new version of " << path << " beside it: " << strerror(errno)
+                  << std::endl;
+        return -1;
+    }
+    std::vector<unsigned char> block;
+    const auto length = static_cast<std::size_t>(end - rangeBegin);
+    if (rangeBegin == 0 && end < size) {
+        if (!rewrite->copyFrom(fd, 0, end))
+            return -1;
+        block = signedBlock(sealkeep::SignedRange::ofFile(rewrite->fd(), 0, length), signer);
+    } else {
+        if (!rewrite->copyFrom(fd, 0, rangeBegin))
+            return -1;
+        block = signedBlock(sealkeep::SignedRange::ofFile(fd, rangeBegin, length, rewrite->fd()), signer);
+    }
+    if (block.empty() || !rewrite->append(block.data(), block.size()))
+        return -1;
+    return rewrite->commit();
+}
+
+// Without a path: sign first, then cut and append in place, undoing a
+// partial append.
+bool signInPlace(int fd, std::optional<long> cut, std::int64_t rangeBegin, std::int64_t end, Signer const& signer)
+{
+    std::vector<unsigned char> block =
+        signedBlock(sealkeep::SignedRange::ofFile(fd, rangeBegin, static_cast<std::size_t>(end - rangeBegin)), signer);
+    if (block.empty() || (cut && ftruncate(fd, *cut) != 0))
+        return false;
+    if (lseek(fd, end, SEEK_SET) != end || !sealkeep::writeInPieces(fd, block.data(), block.size())) {
+        if (ftruncate(fd, end) != 0) {
+            // Nothing more can be done: the error is the caller's answer.
+        }
+        return false;
+    }
+    return fsync(fd) == 0;
+}
+
+}  // namespace
 
 bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsigned int taAlgorithm,
                          stack_st_ProofOfRotation* rotationChain, bool replace, bool skippableFrame,
@@ -109,38 +208,31 @@ bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsi
 {
     if (!certificate || !key)
         return false;
-    const SigningPlan plan = planSigning(file_, groupOf(certificate), replace);
-    if (plan.cut && ftruncate(fd(), *plan.cut) != 0)
+    WriteLockScope lock(*this);
+    const std::int64_t size = lock.held() ? sizeOf(fd()) : -1;
+    if (size <= 0 || !openForWriting(fd()))
         return false;
+    const SigningPlan plan = planSigning(impl_->file, groupOf(certificate), replace);
     if (!plan.allowed)
         return false;
+    // The first signature covers the whole package; a later one the newest
+    // kept block's CMS onwards; both end where the cut will end the file.
+    const std::int64_t end = plan.cut ? *plan.cut : size;
+    if (end <= plan.rangeBegin)
+        return false;
+    const Signer signer{certificate, key, taKey, taAlgorithm, rotationChain, skippableFrame, signFiles};
+    if (impl_->path.empty())
+        return signInPlace(fd(), plan.cut, plan.rangeBegin, end, signer);
 
-    // The first signature covers the whole file; a later one the last block's
-    // CMS onwards. The range is read from the file in pieces, never mapped or
-    // held whole, so signing a large package takes no more memory than a
-    // small one.
-    struct stat status {};
-    if (fstat(fd(), &status) != 0 || status.st_size <= 0)
+    const int signedFd = signIntoNewVersion(impl_->path, fd(), plan.rangeBegin, end, size, signer);
+    if (signedFd < 0)
         return false;
-    std::size_t derLength = 0;
-    GBytesPtr der(sealkeep::signRange(
-        sealkeep::SignedRange::ofFile(fd(), plan.rangeBegin,
-                                      static_cast<std::size_t>(status.st_size - plan.rangeBegin)),
-        signFiles, key, taKey, taAlgorithm, certificate, rotationChain, &derLength));
-    if (!der)
-        return false;
-    // A longer block would not be found by the scan again: the file would
-    // carry a signature that no reader sees.
-    if (derLength > static_cast<std::size_t>(maxCmsLength)) {
-        std::cerr << "Signature of " << derLength << " bytes is larger than the limit of "
-                  << maxCmsLength << " bytes for one block" << std::endl;
-        return false;
-    }
-    std::vector<unsigned char> block = makeBlock(der.get(), derLength, skippableFrame);
-    der.reset();
-
-    fseek(file_, 0, SEEK_END);
-    return sealkeep::writeInPieces(fd(), block.data(), block.size());
+    // The object follows the package to its new version (already locked).
+    if (FILE* stream = fdopen(signedFd, "r+"))
+        impl_->replaceStream(stream);
+    else
+        close(signedFd);
+    return true;
 }
 
 }  // namespace PackageSignatures

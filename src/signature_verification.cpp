@@ -17,6 +17,7 @@
 #include "cms_verify_content.hpp"
 #include "common/ossl_ptr.hpp"
 #include "common/streaming_bio.hpp"
+#include "file_with_cmses_impl.hpp"
 #include "signature_stack.hpp"
 #include "signed_file_layout.hpp"
 
@@ -95,7 +96,7 @@ VerificationReport FileWithCmses::verificationReport(char const* caPath)
     sealkeep::X509StorePtr store(certificate_store_read(caPath));
     if (!store)
         return refuse(VerificationReason::UnreadableCa);
-    auto locations = locateCmses(file_);
+    auto locations = locateCmses(impl_->file);
     report.signatures = locations.size();
     if (locations.empty())
         return refuse(VerificationReason::NoSignatures);
@@ -103,7 +104,7 @@ VerificationReport FileWithCmses::verificationReport(char const* caPath)
         return refuse(VerificationReason::TooManySignatures);
 
     for (std::size_t i = locations.size(); i-- > 0;) {
-        auto range = coveredRange(file_, locations, i);
+        auto range = coveredRange(impl_->file, locations, i);
         BlockVerification block;
         block.index = i;
         block.coveredBegin = range ? range->begin : 0;
@@ -111,7 +112,7 @@ VerificationReport FileWithCmses::verificationReport(char const* caPath)
         report.blocks.push_back(block);
         if (!range)
             return refuse(VerificationReason::CmsMalformed);
-        Cms cms(readFileRangeWithin(file_, locations[i].begin, locations[i].end));
+        Cms cms(readFileRangeWithin(impl_->file, locations[i].begin, locations[i].end));
         CMS_ContentInfo* parsed = cms.parsed();
         if (!parsed)
             return refuse(VerificationReason::CmsMalformed);

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,21 +22,6 @@ std::int64_t sizeOf(FILE* file)
 }
 
 }  // namespace
-
-ReadOnlyMapping::ReadOnlyMapping(FILE* file) : size_(sizeOf(file))
-{
-    if (size_ <= 0)
-        return;
-    void* map = mmap(nullptr, static_cast<size_t>(size_), PROT_READ, MAP_PRIVATE, fileno(file), 0);
-    if (map != MAP_FAILED)
-        data_ = static_cast<const unsigned char*>(map);
-}
-
-ReadOnlyMapping::~ReadOnlyMapping()
-{
-    if (data_)
-        munmap(const_cast<unsigned char*>(data_), static_cast<size_t>(size_));
-}
 
 std::vector<CmsLocation> locateCmses(FILE* file)
 {

@@ -38,25 +38,6 @@ struct CmsLocation {
     CmsHeader header;
 };
 
-// A private read-only mapping of a whole file, removed on destruction.
-class ReadOnlyMapping {
-public:
-    // Maps the file behind the stream; invalid when the stream is null, fstat
-    // fails or the file is empty.
-    explicit ReadOnlyMapping(FILE* file);
-    ~ReadOnlyMapping();
-    ReadOnlyMapping(ReadOnlyMapping const&) = delete;
-    ReadOnlyMapping& operator=(ReadOnlyMapping const&) = delete;
-
-    bool valid() const { return data_ != nullptr; }
-    const unsigned char* data() const { return data_; }
-    std::int64_t size() const { return size_; }
-
-private:
-    const unsigned char* data_ = nullptr;
-    std::int64_t size_ = 0;
-};
-
 // The blocks appended to the file, in file order: at most maxScannedBlocks
 // (the newest ones), each at most maxCmsLength long. Reads only the headers,
 // with pread, so a file truncated meanwhile just ends the scan.

@@ -333,7 +333,7 @@ TEST_F(CliPackages, StripRefusesAFileItCannotOpen)
 {
     auto result = run({"strip", "missing.rpm", "--last"});
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.errors, "sealkeep: missing.rpm: cannot open for writing: No such file or directory\n");
+    EXPECT_EQ(result.errors, "sealkeep: missing.rpm: not stripped: cannot open: No such file or directory\n");
 }
 
 }  // namespace

@@ -216,14 +216,15 @@ TEST_F(PackageSigning, ReplaceWithADifferentNonDeveloperGroupRemovesNothing)
     EXPECT_EQ(before, readFile(path));
 }
 
-TEST_F(PackageSigning, AFailedSigningAfterAReplacementCutKeepsTheCut)
+// The signature is made before the file is touched: a replacement whose
+// signing fails leaves the block it would have cut.
+TEST_F(PackageSigning, AFailedSigningAfterAReplacementLeavesTheFileAsItWas)
 {
     ASSERT_TRUE(signFile(path, pki->developer()));
-    long developerOnly = fileSize(path);
     ASSERT_TRUE(signFile(path, pki->seclab()));
+    Bytes signedTwice = readFile(path);
 
-    // The seclab certificate with the client's key: cms_sign refuses the pair
-    // only after the seclab block has been cut.
+    // The seclab certificate with the client's key: cms_sign refuses the pair.
     X509Ptr cert = loadCertificate(pki->seclab().certPath);
     PkeyPtr wrongKey = loadKey(pki->client().keyPath);
     auto file = FileWithCmses::fromPath(path.c_str(), "r+");
@@ -231,7 +232,7 @@ TEST_F(PackageSigning, AFailedSigningAfterAReplacementCutKeepsTheCut)
         [&] { EXPECT_FALSE(file->sign(cert.get(), wrongKey.get(), nullptr, 0, nullptr, true, false, false)); });
     file.reset();
     EXPECT_EQ("Could not add CMS signer\n", errors);
-    EXPECT_EQ(developerOnly, fileSize(path));
+    EXPECT_EQ(signedTwice, readFile(path));
 }
 
 TEST_F(PackageSigning, AFailedSigningWithoutReplacementLeavesTheFileAlone)

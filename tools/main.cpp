@@ -7,11 +7,13 @@
 #include <CLI/CLI.hpp>
 
 #include "cli.hpp"
+#include "interruptions.hpp"
 
 using namespace sealkeep::cli;
 
 int main(int argc, char** argv)
 {
+    handleInterruptions();
     CLI::App app{"Sign, verify and inspect packages with stacked GOST CMS signatures.", "sealkeep"};
     app.set_version_flag("--version", "sealkeep " SEALKEEP_VERSION);
     app.require_subcommand(1);

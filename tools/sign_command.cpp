@@ -19,7 +19,8 @@
 
 #include "cli.hpp"
 #include "credentials.hpp"
-#include "package_snapshot.hpp"
+#include "interruptions.hpp"
+#include "package_writing.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -37,10 +38,8 @@ struct SignOptions {
     int format = 3;
     bool noFileSignatures = false;
     unsigned jobs = 1;
+    double waitSeconds = defaultLockWaitSeconds;
 };
-
-// A stack holds at most three signatures.
-constexpr std::size_t stackSize = 3;
 
 std::string groupName(PackageSignatures::Group group)
 {
@@ -65,16 +64,9 @@ std::string groupsPresent(PackageSignatures::FileWithCmses const& file)
 }
 
 // Why a signer of group may not sign the file as it is now; empty when it
-// may. Asked before anything is written, so that a refused package is never
-// touched.
+// may. Asked under the package's lock, before anything is written.
 std::string refusalOf(PackageSignatures::FileWithCmses& file, PackageSignatures::Group group, bool replace)
 {
-    // A developer replacement cuts every block, also those in front of the
-    // newest four that the scan (and so the snapshot) reaches: a failure
-    // could not put them back.
-    if (replace && group == PackageSignatures::Group::Developer && file.blockLocations().size() > stackSize)
-        return "it carries more signature blocks than a stack holds, which a developer replacement would cut "
-               "beyond recovery; strip it first";
     if (file.maySign(group, replace))
         return {};
     return "a " + groupName(group) + " signature cannot take the next position of the stack as it stands" +
@@ -82,35 +74,24 @@ std::string refusalOf(PackageSignatures::FileWithCmses& file, PackageSignatures:
 }
 
 // Signs one package; on any refusal or failure the package is left byte for
-// byte as it was, and one line says why.
+// byte as it was (the library writes a new version and puts it in place only
+// once it is complete), and one line says why.
 bool signPackage(std::string const& path, PackageSignatures::Group group, Credentials const& credentials,
                  SignOptions const& options)
 {
-    auto file = PackageSignatures::FileWithCmses::fromPath(path.c_str(), "r+");
-    if (!file) {
-        reportFailure(path, "cannot open for signing: " + systemReason());
+    WriteInProgress writing;
+    auto file = openPackageForWriting(path, "not signed", options.waitSeconds);
+    if (!file)
         return false;
-    }
     std::string refusal = refusalOf(*file, group, options.replace);
     if (!refusal.empty()) {
         reportFailure(path, "not signed: " + refusal);
-        return false;
-    }
-    // Only a replacement cuts blocks; an append needs only the former size.
-    std::string why;
-    auto snapshot = PackageSnapshot::take(*file, options.replace, why);
-    if (!snapshot) {
-        reportFailure(path, "not signed: " + why);
         return false;
     }
     unsigned taAlgorithm = options.taAlgorithm == "pkcs1" ? taAlgorithmPkcs1 : taAlgorithmPss;
     if (!file->sign(credentials.certificate.get(), credentials.key.get(), credentials.taKey.get(), taAlgorithm,
                     credentials.rotationChain.get(), options.replace, options.format == 3,
                     !options.noFileSignatures)) {
-        if (!snapshot->restore(file->fd())) {
-            reportFailure(path, "not signed, and it could not be put back as it was: " + systemReason());
-            return false;
-        }
         reportFailure(path, "not signed: signing as " + groupName(group) + " failed; the package is left as it was");
         return false;
     }
@@ -159,7 +140,7 @@ int runSign(SignOptions& options)
     std::atomic<std::size_t> next{0};
     std::atomic<bool> anyFailed{false};
     auto work = [&](Credentials const& own) {
-        for (std::size_t i; (i = next++) < options.packages.size();) {
+        for (std::size_t i; !interruptionPending() && (i = next++) < options.packages.size();) {
             std::string const& path = options.packages[i];
             // An exception must not leave a worker thread (that would abort).
             try {
@@ -206,6 +187,10 @@ void addSignCommand(CLI::App& app, int& status)
         ->check(CLI::IsMember({3, 2}));
     sign->add_flag("--no-file-signatures", options->noFileSignatures,
                    "Do not sign the payload's files and trusted applications");
+    sign->add_option("--wait", options->waitSeconds,
+                     "Seconds to wait for another process writing the same package")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 86400.0));
     sign->add_option("--jobs,-j", options->jobs, "Packages signed at once")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);

@@ -7,6 +7,8 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "interruptions.hpp"
+#include "package_writing.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -14,22 +16,22 @@ namespace {
 struct StripOptions {
     std::string package;
     bool last = false;
+    double waitSeconds = defaultLockWaitSeconds;
 };
 
 int runStrip(StripOptions const& options)
 {
-    auto file = PackageSignatures::FileWithCmses::fromPath(options.package.c_str(), "r+");
-    if (!file) {
-        reportFailure(options.package, "cannot open for writing: " + systemReason());
+    WriteInProgress writing;
+    auto file = openPackageForWriting(options.package, "not stripped", options.waitSeconds);
+    if (!file)
         return statusFailed;
-    }
     std::size_t before = file->cmses().size();
     if (before == 0) {
         printLine(options.package + ": no signatures to remove");
         return statusOk;
     }
     if (!file->deleteCmses(options.last)) {
-        reportFailure(options.package, "cannot truncate: " + systemReason());
+        reportFailure(options.package, "not stripped: cannot truncate: " + systemReason());
         return statusFailed;
     }
     std::size_t after = file->cmses().size();
@@ -46,6 +48,10 @@ void addStripCommand(CLI::App& app, int& status)
     CLI::App* strip = app.add_subcommand("strip", "Remove the signatures of a package");
     strip->add_option("package", options->package, "Package to strip")->required();
     strip->add_flag("--last", options->last, "Remove only the newest signature");
+    strip->add_option("--wait", options->waitSeconds,
+                      "Seconds to wait for another process writing the same package")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 86400.0));
     strip->callback([options, &status] { status = runStrip(*options); });
 }
 

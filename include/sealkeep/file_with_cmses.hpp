@@ -6,6 +6,23 @@
 // FileWithCmses owns its FILE* and closes it. It caches nothing: every
 // operation scans the file as it is on disk at that moment.
 //
+// Writing. sign() and deleteCmses() never leave a package half-written: at
+// every instant (a crash, a kill, a full disk, a file-size limit) the file
+// is either exactly as it was or exactly as the operation leaves it, and
+// when they return true the result is on disk (synced, directory entry
+// included). They take an exclusive flock() on the package for the whole
+// operation, from reading the stack to the end of the write, so a second
+// writer (another process, or another FileWithCmses) waits and then works
+// from what the first one left; readers take no lock and need none.
+// On an object made by fromPath(), sign() builds the new version in an
+// unnamed file in the package's directory and renames it over the package
+// (a writable directory is needed; links to the package elsewhere keep the
+// old version, like any rename-based rewrite), after which the object refers
+// to the new file: fd() changes. deleteCmses() truncates in place, which is
+// one atomic step. An object made from a FILE* has no path to rename to: its
+// sign() signs first and then cuts and appends in place, which a kill during
+// the append can leave torn; use fromPath() for packages that matter.
+//
 // The file is untrusted, so the scan is bounded: it collects at most the four
 // newest blocks (a stack holds three), and a header claiming a CMS of more
 // than 32 MiB (about twice the per-file signatures of a 100,000-file package)
@@ -13,6 +30,7 @@
 #ifndef SEALKEEP_FILE_WITH_CMSES_HPP
 #define SEALKEEP_FILE_WITH_CMSES_HPP
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -29,6 +47,8 @@ struct evp_pkey_st;
 struct stack_st_ProofOfRotation;
 
 namespace PackageSignatures {
+
+class WriteLockScope;
 
 // The 12 bytes that end every signature block.
 struct SEALKEEP_EXPORT CmsHeader {
@@ -67,19 +87,33 @@ struct SEALKEEP_EXPORT BlockLocation {
 
 class SEALKEEP_EXPORT FileWithCmses {
 public:
+    enum class LockStatus { Locked, Busy, Failed };
+
     // Takes ownership of file.
     explicit FileWithCmses(FILE* file);
     ~FileWithCmses();
     FileWithCmses(FileWithCmses const&) = delete;
     FileWithCmses& operator=(FileWithCmses const&) = delete;
 
-    // fopen(path, mode); null when it fails, silently.
+    // fopen(path, mode); null when it fails, silently. The object remembers
+    // path, so that sign() can replace the package whole.
     static std::unique_ptr<FileWithCmses> fromPath(char const* path, char const* mode);
     // Read-write, falling back to read-only with a warning on std::cerr.
     static std::unique_ptr<FileWithCmses> fromPath(char const* path);
     static std::unique_ptr<FileWithCmses> fromPath(std::string const& path);
 
+    // The open file's descriptor; a new one after sign() replaced the file.
     int fd();
+    // Takes the package's exclusive write lock and keeps it until unlock()
+    // or destruction, so that several calls (maySign, then sign) work on one
+    // state of the stack. Waits at most timeout (a negative one: as long as
+    // it takes); Busy when another writer still holds it then, Failed (errno
+    // set) when the file cannot be locked. When the writer waited for has
+    // replaced the package meanwhile, the object reopens its path and locks
+    // the new file. sign() and deleteCmses() take the lock themselves, for
+    // the call, when the caller does not hold it.
+    LockStatus lockForWriting(std::chrono::milliseconds timeout);
+    void unlock();
     // True when the file begins with the RPM lead magic ED AB EE DB. On a file
     // shorter than four bytes it does not return (the read waits for the
     // missing bytes): look at the size first.
@@ -91,16 +125,19 @@ public:
     // of each CMS that tell a frame prefix).
     std::vector<BlockLocation> blockLocations() const;
     // Truncates away the newest block (onlyLast) or every block, also those in
-    // front of the newest four that one scan collects.
+    // front of the newest four that one scan collects, and syncs the file.
     bool deleteCmses(bool onlyLast);
 
     // Appends one signature block signed by certificate/key. The signer's group
     // decides its position: developer first, then seclab or client, then
     // client; at most three. With replace, a newest block of the same group
-    // (or, for a developer, every block) is cut away first and the cut is kept
-    // even when signing then fails. A signature too large for one block (see
-    // README, "Limits") is refused with a message. skippableFrame writes version 3 instead of
-    // 2. taKey may be null; rotationChain may be null. Nothing is freed or kept.
+    // (or, for a developer, every block) is cut away. The signature is made
+    // before anything is written, over the range as it stands after the cut,
+    // and a refusal or failure leaves the file as it was. A signature too
+    // large for one block (see README, "Limits") is refused with a message.
+    // skippableFrame writes version 3 instead of 2. taKey may be null;
+    // rotationChain may be null. Nothing is freed or kept. Only a regular
+    // file is signed.
     bool sign(x509_st* certificate, evp_pkey_st* key, evp_pkey_st* taKey,
               unsigned int taAlgorithm, stack_st_ProofOfRotation* rotationChain,
               bool replace, bool skippableFrame, bool signFiles);
@@ -118,7 +155,10 @@ public:
     VerificationReport verificationReport(char const* caPath);
 
 private:
-    FILE* file_;
+    friend class WriteLockScope;
+    struct Impl;
+    // One pointer, as the stream itself was: the object's size is unchanged.
+    std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace PackageSignatures

@@ -2,6 +2,7 @@
 #include "common/streaming_bio.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -42,10 +43,15 @@ private:
 };
 
 // Reads ahead one piece at a time: OpenSSL asks for less than a piece per
-// call, and one pread per piece keeps the system calls few.
+// call, and one pread per piece keeps the system calls few. With a copy
+// target, every piece read is also appended there, so that a range is copied
+// in the same pass that digests it.
 class FileRangeSource : public Source {
 public:
-    FileRangeSource(int fd, std::int64_t begin, std::int64_t end) : fd_(fd), next_(begin), end_(end) {}
+    FileRangeSource(int fd, std::int64_t begin, std::int64_t end, int copyTo)
+        : fd_(fd), next_(begin), end_(end), copyTo_(copyTo), behind_(copyTo)
+    {
+    }
     long read(unsigned char* out, std::size_t len) override
     {
         if (used_ == filled_ && !refill())
@@ -64,9 +70,17 @@ private:
         if (next_ >= end_)
             return true;
         auto want = static_cast<std::size_t>(std::min<std::int64_t>(sizeof buffer_, end_ - next_));
-        ssize_t got = pread(fd_, buffer_, want, static_cast<off_t>(next_));
+        ssize_t got = 0;
+        do
+            got = pread(fd_, buffer_, want, static_cast<off_t>(next_));
+        while (got == -1 && errno == EINTR);
         if (got <= 0)  // an error, or a file cut short after it was scanned
             return false;
+        if (copyTo_ >= 0) {
+            if (!writeInPieces(copyTo_, buffer_, static_cast<std::size_t>(got)))
+                return false;
+            behind_.wrote(static_cast<std::size_t>(got));
+        }
         filled_ = static_cast<std::size_t>(got);
         next_ += got;
         return true;
@@ -75,6 +89,8 @@ private:
     int fd_;
     std::int64_t next_;
     std::int64_t end_;
+    int copyTo_;
+    WriteBehind behind_;
     unsigned char buffer_[ioPieceSize];
     std::size_t used_ = 0;
     std::size_t filled_ = 0;
@@ -148,13 +164,13 @@ BIO* bioStreamingBytes(const unsigned char* data, std::size_t len)
     return bioOver(std::make_unique<MemorySource>(data, len));
 }
 
-BIO* bioOverFileRange(int fd, std::int64_t begin, std::int64_t end)
+BIO* bioOverFileRange(int fd, std::int64_t begin, std::int64_t end, int copyTo)
 {
     if (fd < 0 || begin < 0 || end < begin)
         return nullptr;
     // Only a hint: sequential reading doubles the kernel's read-ahead.
     posix_fadvise(fd, static_cast<off_t>(begin), static_cast<off_t>(end - begin), POSIX_FADV_SEQUENTIAL);
-    return bioOver(std::make_unique<FileRangeSource>(fd, begin, end));
+    return bioOver(std::make_unique<FileRangeSource>(fd, begin, end, copyTo));
 }
 
 }  // namespace sealkeep

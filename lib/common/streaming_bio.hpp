@@ -22,8 +22,9 @@ BIO* bioStreamingBytes(const unsigned char* data, std::size_t len);
 // 8192 bytes, without moving the descriptor's position. Reaching the end of
 // the file before end is a read error, so a file truncated while it is read
 // fails instead of yielding fewer bytes. fd stays the caller's. Null on
-// failure, silently.
-BIO* bioOverFileRange(int fd, std::int64_t begin, std::int64_t end);
+// failure, silently. With copyTo (a descriptor, else -1), every byte read
+// is also appended at copyTo's position, and a failed append is a read error.
+BIO* bioOverFileRange(int fd, std::int64_t begin, std::int64_t end, int copyTo = -1);
 
 }  // namespace sealkeep
 

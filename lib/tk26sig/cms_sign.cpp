@@ -19,6 +19,7 @@
 #include "common/no_throw.hpp"
 #include "common/rotation_end.hpp"
 #include "common/rotation_limit.hpp"
+#include "common/streaming_bio.hpp"
 #include "tk26sig/payload_walk.hpp"
 
 namespace sealkeep {
@@ -39,8 +40,8 @@ struct PayloadSigning {
     unsigned int taAlgo;
 };
 
-// Whether the copied range (fd, from its start) begins with the RPM lead;
-// only its first bytes are read.
+// Whether the file in fd begins with the RPM lead; only its first bytes are
+// read.
 bool startsWithRpmLead(int fd)
 {
     static constexpr unsigned char leadMagic[] = {0xED, 0xAB, 0xEE, 0xDB};
@@ -49,19 +50,11 @@ bool startsWithRpmLead(int fd)
            std::equal(leadMagic, leadMagic + sizeof leadMagic, head);
 }
 
-// Writes the whole range to fd.
-bool copyRange(SignedRange const& range, int fd)
+// The range as a temporary file, in pieces: the payload walk needs a file
+// descriptor to read the package through librpm.
+BIO* copyBytesToTempFile(SignedRange const& range, int* fd)
 {
-    if (range.data)
-        return writeInPieces(fd, range.data, range.length);
-    return copyRangeInPieces(range.fd, range.offset, range.length, fd);
-}
-
-// The range is copied into a temporary file even when it is small: the
-// payload walk needs a file descriptor to read the package through librpm.
-BIO* copyRangeToTempFile(SignedRange const& range, int* fd)
-{
-    BioPtr bio(openTempFileBio([&](int file) { return copyRange(range, file); }));
+    BioPtr bio(openTempFileBio([&](int file) { return writeInPieces(file, range.data, range.length); }));
     if (!bio)
         return nullptr;
     FILE* file = nullptr;
@@ -71,6 +64,35 @@ BIO* copyRangeToTempFile(SignedRange const& range, int* fd)
     }
     *fd = fileno(file);
     return *fd == -1 ? nullptr : bio.release();
+}
+
+// What the digest reads and what the payload walk reads (-1: no walk).
+struct RangeSource {
+    BioPtr bio;
+    int walkFd = -1;
+    bool rewind = false;  // the BIO reads at the file offset the walk moves
+};
+
+std::optional<RangeSource> openRange(SignedRange const& range)
+{
+    RangeSource source;
+    if (range.data || range.fd < 0) {
+        source.bio.reset(copyBytesToTempFile(range, &source.walkFd));
+        source.rewind = true;
+        if (!source.bio)
+            return std::nullopt;
+        return source;
+    }
+    const auto begin = static_cast<std::int64_t>(range.offset);
+    source.bio.reset(bioOverFileRange(range.fd, begin, begin + static_cast<std::int64_t>(range.length),
+                                      range.copyTo));
+    if (!source.bio) {
+        fprintf(stderr, "Could not create BIO over file range\n");
+        return std::nullopt;
+    }
+    // Only a range that is a whole package from its start has files to sign.
+    source.walkFd = range.offset == 0 ? range.fd : -1;
+    return source;
 }
 
 CMS_ContentInfo* newSignedData()
@@ -136,7 +158,7 @@ bool addFileSignatures(CMS_SignerInfo* signer, int nid, FileSignatures* table, c
 bool addPayloadSignatures(CMS_SignerInfo* signer, int fd, const EVP_MD* md, X509* cert, EVP_PKEY* key,
                           const PayloadSigning& payload)
 {
-    if (!payload.signFiles || !startsWithRpmLead(fd))
+    if (!payload.signFiles || fd < 0 || !startsWithRpmLead(fd))
         return true;
     std::optional<PayloadSignatures> tables =
         signPayloadFiles(fd, key, md, cert, payload.taKey, payload.taAlgo);
@@ -170,11 +192,13 @@ bool addRotationChain(CMS_SignerInfo* signer, X509* cert, ProofOfRotationChain* 
 }
 
 // Digests the whole range and signs the signed attributes.
-bool finalise(CMS_ContentInfo* cms, BIO* source, int fd)
+bool finalise(CMS_ContentInfo* cms, RangeSource const& source)
 {
-    // The payload walk reads through a duplicate of fd, which shares the
-    // file offset, so the range is read again from its start.
-    if (lseek(fd, 0, SEEK_SET) != 0 || !CMS_final(cms, source, nullptr, signingFlags)) {
+    // The payload walk reads a temporary file through a duplicate of its
+    // descriptor, which shares the file offset, so it is read again from
+    // its start.
+    if ((source.rewind && lseek(source.walkFd, 0, SEEK_SET) != 0) ||
+        !CMS_final(cms, source.bio.get(), nullptr, signingFlags)) {
         fprintf(stderr, "CMS signing failed\n");
         return false;
     }
@@ -229,8 +253,7 @@ unsigned char* sealkeep::signRange(SignedRange const& range, int signFiles, EVP_
                                    EVP_PKEY* taKey, unsigned int taAlgo, X509* cert,
                                    ProofOfRotationChain* chain, size_t* outLength)
 {
-    int fd = -1;
-    BioPtr source(copyRangeToTempFile(range, &fd));
+    std::optional<RangeSource> source = openRange(range);
     if (!source)
         return nullptr;
     CmsPtr cms(newSignedData());
@@ -240,11 +263,11 @@ unsigned char* sealkeep::signRange(SignedRange const& range, int signFiles, EVP_
     CMS_SignerInfo* signer = addSigner(cms.get(), cert, key, &md);
     if (!signer)
         return nullptr;
-    if (!addPayloadSignatures(signer, fd, md, cert, key, {signFiles != 0, taKey, taAlgo}))
+    if (!addPayloadSignatures(signer, source->walkFd, md, cert, key, {signFiles != 0, taKey, taAlgo}))
         return nullptr;
     if (chain && !addRotationChain(signer, cert, chain))
         return nullptr;
-    if (!finalise(cms.get(), source.get(), fd))
+    if (!finalise(cms.get(), *source))
         return nullptr;
     return encodeIntoGlibBuffer(cms.get(), outLength);
 }

@@ -18,22 +18,26 @@ bool rotationChainEndsAt(ProofOfRotationChain* chain, X509* cert);
 
 // Where the bytes to sign come from: the caller's memory, or a range of an
 // open file read with pread() (the descriptor's offset is left alone).
-// Signing copies the range into a temporary file in pieces, so a range read
-// from a file is never held or mapped whole.
+// Bytes in memory are copied into a temporary file, which the payload walk
+// reads through librpm. A file range is digested straight from the file,
+// in pieces, and never copied anywhere, except to copyTo when one is given
+// (a descriptor appended to in the same pass); the payload walk reads the
+// file itself, so its range must begin at 0 to carry per-file signatures.
 struct SignedRange {
     static SignedRange inMemory(const unsigned char* data, std::size_t length)
     {
-        return {data, -1, 0, length};
+        return {data, -1, 0, length, -1};
     }
-    static SignedRange ofFile(int fd, off_t offset, std::size_t length)
+    static SignedRange ofFile(int fd, off_t offset, std::size_t length, int copyTo = -1)
     {
-        return {nullptr, fd, offset, length};
+        return {nullptr, fd, offset, length, copyTo};
     }
 
     const unsigned char* data;
     int fd;
     off_t offset;
     std::size_t length;
+    int copyTo;
 };
 
 // cms_sign over range; the same result, ownership and messages.

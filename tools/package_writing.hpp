@@ -1,0 +1,29 @@
+// Opening a package for a write (sign, strip): a regular file, opened
+// without blocking, locked against other writers with a bounded wait, and
+// not larger than what the process may write.
+#ifndef SEALKEEP_TOOLS_PACKAGE_WRITING_HPP
+#define SEALKEEP_TOOLS_PACKAGE_WRITING_HPP
+
+#include <memory>
+#include <string>
+
+namespace PackageSignatures {
+class FileWithCmses;
+}
+
+namespace sealkeep::cli {
+
+// How long a write waits for another writer of the same package, unless
+// --wait says otherwise.
+constexpr double defaultLockWaitSeconds = 10;
+
+// The package at path, open for writing and locked; null when it cannot be,
+// after one line that says why, beginning with verb ("not signed",
+// "not stripped").
+std::unique_ptr<PackageSignatures::FileWithCmses> openPackageForWriting(std::string const& path,
+                                                                        std::string const& verb,
+                                                                        double waitSeconds);
+
+}  // namespace sealkeep::cli
+
+#endif
