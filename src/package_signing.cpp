@@ -161,26 +161,39 @@ bool openForWriting(int fd)
 int signIntoNewVersion(std::string const& path, int fd, std::int64_t rangeBegin, std::int64_t end,
                        std::int64_t size, Signer const& signer)
 {
-    auto rewrite = PackageRewrite::begin(path, fd);
-    if (!rewrite) {
+    // errno of the step that failed; a signing failure has printed its own.
+    auto cannotWrite = [&path] {
         std::cerr << "sealkeep: cannot write a new version of " << path << " beside it: " << strerror(errno)
                   << std::endl;
         return -1;
-    }
+    };
+    auto rewrite = PackageRewrite::begin(path, fd);
+    if (!rewrite)
+        return cannotWrite();
     std::vector<unsigned char> block;
     const auto length = static_cast<std::size_t>(end - rangeBegin);
+    errno = 0;
     if (rangeBegin == 0 && end < size) {
         if (!rewrite->copyFrom(fd, 0, end))
-            return -1;
+            return cannotWrite();
         block = signedBlock(sealkeep::SignedRange::ofFile(rewrite->fd(), 0, length), signer);
     } else {
         if (!rewrite->copyFrom(fd, 0, rangeBegin))
-            return -1;
+            return cannotWrite();
         block = signedBlock(sealkeep::SignedRange::ofFile(fd, rangeBegin, length, rewrite->fd()), signer);
     }
-    if (block.empty() || !rewrite->append(block.data(), block.size()))
-        return -1;
-    return rewrite->commit();
+    // The digest reads the range through the copy: a failed copy shows as a
+    // failed signing, with errno still telling why.
+    if (block.empty())
+        return errno == EFBIG || errno == ENOSPC || errno == EDQUOT || errno == EIO ? cannotWrite() : -1;
+    if (!rewrite->append(block.data(), block.size()))
+        return cannotWrite();
+    int signedFd = rewrite->commit();
+    if (signedFd < 0) {
+        std::cerr << "sealkeep: cannot put the new version of " << path << " in place: " << strerror(errno)
+                  << std::endl;
+    }
+    return signedFd;
 }
 
 // Without a path: sign first, then cut and append in place, undoing a

@@ -26,7 +26,7 @@ std::string secondsText(double seconds)
 }
 
 // Why a write of a file of size bytes would run into the process's file-size
-// limit before it could even copy the package; empty when it would not.
+// limit; empty when it would not.
 std::string fileSizeLimitProblem(off_t size)
 {
     struct rlimit limit {};
@@ -34,7 +34,7 @@ std::string fileSizeLimitProblem(off_t size)
         limit.rlim_cur > static_cast<rlim_t>(size))
         return {};
     return "the file-size limit of this process (" + std::to_string(limit.rlim_cur) +
-           " bytes) is not above the package's size (" + std::to_string(size) + " bytes)";
+           " bytes) is not above the size of the package it would write (" + std::to_string(size) + " bytes)";
 }
 
 }  // namespace
@@ -71,14 +71,21 @@ std::unique_ptr<PackageSignatures::FileWithCmses> openPackageForWriting(std::str
         reportFailure(path, verb + ": cannot lock it: " + systemReason());
         return nullptr;
     }
-    if (fstat(file->fd(), &status) == 0) {
-        std::string problem = fileSizeLimitProblem(status.st_size);
-        if (!problem.empty()) {
-            reportFailure(path, verb + ": " + problem);
-            return nullptr;
-        }
-    }
     return file;
+}
+
+std::string fileSizeLimitRefusal(PackageSignatures::FileWithCmses& file, bool replace)
+{
+    struct stat status {};
+    if (fstat(file.fd(), &status) != 0)
+        return {};
+    off_t least = status.st_size;
+    if (replace) {
+        auto blocks = file.blockLocations();
+        if (!blocks.empty())
+            least = static_cast<off_t>(blocks.front().start);
+    }
+    return fileSizeLimitProblem(least);
 }
 
 }  // namespace sealkeep::cli

@@ -84,6 +84,8 @@ bool signPackage(std::string const& path, PackageSignatures::Group group, Creden
     if (!file)
         return false;
     std::string refusal = refusalOf(*file, group, options.replace);
+    if (refusal.empty())
+        refusal = fileSizeLimitRefusal(*file, options.replace);
     if (!refusal.empty()) {
         reportFailure(path, "not signed: " + refusal);
         return false;
