@@ -75,15 +75,25 @@ std::optional<Group> signerGroupOf(FILE* file, CmsLocation const& location)
     return certificate->group();
 }
 
-// Only the newest block is ever read: a replacement compares its signer,
-// and the third position asks who signed below it. Asking elsewhere would
-// print for a block whose CMS does not decode.
+// Only the newest block is ever read, and each block at most once: a
+// replacement compares its signer, and the third position asks who signed
+// below it. Asking elsewhere, or twice, would print again for a block whose
+// CMS does not decode.
 SigningPlan planSigning(FILE* file, Group group, bool replace)
 {
     SigningPlan plan;
     auto locations = locateCmses(file);
+    std::optional<std::size_t> readIndex;
+    std::optional<Group> readGroup;
+    auto groupOfBlock = [&](std::size_t index) {
+        if (readIndex != index) {
+            readGroup = signerGroupOf(file, locations[index]);
+            readIndex = index;
+        }
+        return readGroup;
+    };
     if (replace && !locations.empty()) {
-        if (signerGroupOf(file, locations.back()) == group) {
+        if (groupOfBlock(locations.size() - 1) == group) {
             plan.cut = cutOffsetOf(locations.back());
             locations.pop_back();
         } else if (group == Group::Developer) {
@@ -93,8 +103,7 @@ SigningPlan planSigning(FILE* file, Group group, bool replace)
     }
     if (locations.size() >= maxSignatures)
         return plan;
-    const Group newest =
-        locations.size() == 2 ? signerGroupOf(file, locations.back()).value_or(Group::None) : Group::None;
+    const Group newest = locations.size() == 2 ? groupOfBlock(1).value_or(Group::None) : Group::None;
     plan.allowed = mayTakeNextPosition(group, locations.size(), newest);
     plan.rangeBegin = locations.empty() ? 0 : locations.back().begin;
     return plan;

@@ -222,8 +222,8 @@ TEST_F(CliSign, AReplacementThatFailsLeavesThePackageAsItWas)
     EXPECT_TRUE(verifyFile(package, pki->ca().certPath));
 }
 
-// The file may grow by 100 bytes only: the block is cut short by the
-// system, and the part written is removed again.
+// The file may grow by 100 bytes only: the new version is cut short by the
+// system and dropped.
 TEST_F(CliSign, AnAppendCutShortLeavesThePackageAsItWas)
 {
     std::string package = freshPackage();
@@ -233,7 +233,8 @@ TEST_F(CliSign, AnAppendCutShortLeavesThePackageAsItWas)
                                                {"sign", package, "--no-file-signatures", "--cert",
                                                 pki->client().certPath, "--key", pki->client().keyPath});
     EXPECT_EQ(result.exitCode, 1) << result.errors;
-    EXPECT_EQ(result.errors, "sealkeep: " + package +
+    EXPECT_EQ(result.errors, "sealkeep: cannot write a new version of " + package + " beside it: File too large\n"
+                             "sealkeep: " + package +
                                  ": not signed: signing as client failed; the package is left as it was\n");
     EXPECT_EQ(readFile(package), before);
 }

@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <sealkeep/sealkeep.hpp>
@@ -122,6 +124,23 @@ TEST_F(CliWriteLimits, AWriterWaitsABoundedTimeThenSaysAnotherIsWriting)
     EXPECT_EQ(strip.exitCode, 1);
     EXPECT_EQ(strip.errors, "sealkeep: " + package + ": not stripped: another process is writing it (waited 0.2 s)\n");
     EXPECT_EQ(readFile(package), before);
+}
+
+// Nothing is waited for or written on a file that is not a regular file.
+TEST_F(CliWriteLimits, AFileThatIsNotRegularIsRefusedAtOnce)
+{
+    std::string fifo = work.file("fifo.rpm");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (std::string const& path : {fifo, std::string("/dev/null")}) {
+        auto sign = runSealkeepWithin(10, work.path(),
+                                      {"sign", path, "--cert", pki->developer().certPath, "--key",
+                                       pki->developer().keyPath});
+        EXPECT_EQ(sign.exitCode, 1);
+        EXPECT_EQ(sign.errors, "sealkeep: " + path + ": not signed: not a regular file\n");
+        auto strip = runSealkeepWithin(10, work.path(), {"strip", path});
+        EXPECT_EQ(strip.exitCode, 1);
+        EXPECT_EQ(strip.errors, "sealkeep: " + path + ": not stripped: not a regular file\n");
+    }
 }
 
 // The limit as a shell's ulimit sets it, SIGXFSZ left at its default: the

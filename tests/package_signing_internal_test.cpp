@@ -11,6 +11,7 @@
 #include "support/shared_pki.hpp"
 #include "support/signing.hpp"
 #include "support/stderr_capture.hpp"
+#include "support/temp_dir.hpp"
 
 namespace {
 
@@ -334,6 +335,37 @@ TEST_F(PackageSigning, ALongPackageIsAppendedInPieces)
     writeFile(path, package);
     ASSERT_TRUE(signFile(path, pki->developer(), framed()));
     ASSERT_TRUE(verifyFile(path, pki->ca().certPath));
+}
+
+}  // namespace
+
+namespace {
+
+using namespace sealkeep::test;
+using namespace PackageSignatures;
+
+class PackageSigningUndecodable : public SharedPkiTest {
+protected:
+    TempDir dir;
+    std::string path = dir.file("package.bin");
+};
+
+// The newest block is read once per plan, so its complaint is heard once,
+// also when a replacement compares its signer and the position rule then
+// asks for it again.
+TEST_F(PackageSigningUndecodable, ABlockThatDoesNotDecodeIsReportedOnce)
+{
+    writeFile(path, patternBytes(5000, 4));
+    ASSERT_TRUE(signFile(path, pki->developer()));
+    appendFile(path, makeBlock(Bytes(64, 0x5A), 2));
+    Bytes before = readFile(path);
+    std::string errors = stderrOf([&] {
+        SignOptions options;
+        options.replace = true;
+        EXPECT_FALSE(signFile(path, pki->client(), options));
+    });
+    EXPECT_EQ(errors, "Could not decode DER CMS\n");
+    EXPECT_EQ(readFile(path), before);
 }
 
 }  // namespace

@@ -79,10 +79,12 @@ std::string refusalOf(PackageSignatures::FileWithCmses& file, PackageSignatures:
 bool signPackage(std::string const& path, PackageSignatures::Group group, Credentials const& credentials,
                  SignOptions const& options)
 {
-    WriteInProgress writing;
     auto file = openPackageForWriting(path, "not signed", options.waitSeconds);
     if (!file)
         return false;
+    // An interruption while waiting for the lock ends the command at once;
+    // from here on it waits for this package.
+    WriteInProgress writing;
     std::string refusal = refusalOf(*file, group, options.replace);
     if (refusal.empty())
         refusal = fileSizeLimitRefusal(*file, options.replace);

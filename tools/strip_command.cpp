@@ -21,10 +21,10 @@ struct StripOptions {
 
 int runStrip(StripOptions const& options)
 {
-    WriteInProgress writing;
     auto file = openPackageForWriting(options.package, "not stripped", options.waitSeconds);
     if (!file)
         return statusFailed;
+    WriteInProgress writing;
     std::size_t before = file->cmses().size();
     if (before == 0) {
         printLine(options.package + ": no signatures to remove");

@@ -13,13 +13,12 @@ namespace {
 // How much is appended between two write-back starts.
 constexpr std::int64_t writeBehindStep = 8 * 1024 * 1024;
 
-}  // namespace
-
-bool writeInPieces(int fd, const unsigned char* data, std::size_t len)
+// write()s len bytes, at most piece bytes per call.
+bool writeAll(int fd, const unsigned char* data, std::size_t len, std::size_t piece)
 {
     std::size_t done = 0;
     while (done < len) {
-        ssize_t written = write(fd, data + done, std::min(ioPieceSize, len - done));
+        ssize_t written = write(fd, data + done, std::min(piece, len - done));
         if (written == -1 && errno == EINTR)
             continue;
         if (written == -1)
@@ -27,6 +26,18 @@ bool writeInPieces(int fd, const unsigned char* data, std::size_t len)
         done += static_cast<std::size_t>(written);
     }
     return true;
+}
+
+}  // namespace
+
+bool writeInPieces(int fd, const unsigned char* data, std::size_t len)
+{
+    return writeAll(fd, data, len, ioPieceSize);
+}
+
+bool writeFully(int fd, const unsigned char* data, std::size_t len)
+{
+    return writeAll(fd, data, len, len);
 }
 
 bool copyRangeInPieces(int from, off_t offset, std::size_t len, int to)

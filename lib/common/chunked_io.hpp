@@ -17,6 +17,11 @@ constexpr std::size_t ioPieceSize = 8192;
 // write fails (what was written stays written; errno tells why).
 bool writeInPieces(int fd, const unsigned char* data, std::size_t len);
 
+// write()s all len bytes to fd in as few calls as the kernel takes; a short
+// or interrupted write goes on with the rest. False (errno set) when a write
+// fails.
+bool writeFully(int fd, const unsigned char* data, std::size_t len);
+
 // Copies len bytes of from, starting at offset, to the current position of
 // to: pread() and write() in pieces of at most ioPieceSize, so that no more
 // than one piece is ever held. from's own offset is left alone. False when a

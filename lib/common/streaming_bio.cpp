@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -45,11 +46,13 @@ private:
 // Reads ahead one piece at a time: OpenSSL asks for less than a piece per
 // call, and one pread per piece keeps the system calls few. With a copy
 // target, every piece read is also appended there, so that a range is copied
-// in the same pass that digests it.
+// in the same pass that digests it; the pieces are then larger, since each
+// costs two system calls and a copy of a package is written whole.
 class FileRangeSource : public Source {
 public:
     FileRangeSource(int fd, std::int64_t begin, std::int64_t end, int copyTo)
-        : fd_(fd), next_(begin), end_(end), copyTo_(copyTo), behind_(copyTo)
+        : fd_(fd), next_(begin), end_(end), copyTo_(copyTo), behind_(copyTo),
+          buffer_(copyTo >= 0 ? copyingPieceSize : ioPieceSize)
     {
     }
     long read(unsigned char* out, std::size_t len) override
@@ -57,27 +60,29 @@ public:
         if (used_ == filled_ && !refill())
             return -1;
         std::size_t piece = std::min(len, filled_ - used_);
-        memcpy(out, buffer_ + used_, piece);
+        memcpy(out, buffer_.data() + used_, piece);
         used_ += piece;
         return static_cast<long>(piece);
     }
     bool atEnd() const override { return used_ == filled_ && next_ >= end_; }
 
 private:
+    static constexpr std::size_t copyingPieceSize = 256 * 1024;
+
     bool refill()
     {
         used_ = filled_ = 0;
         if (next_ >= end_)
             return true;
-        auto want = static_cast<std::size_t>(std::min<std::int64_t>(sizeof buffer_, end_ - next_));
+        auto want = static_cast<std::size_t>(std::min<std::int64_t>(buffer_.size(), end_ - next_));
         ssize_t got = 0;
         do
-            got = pread(fd_, buffer_, want, static_cast<off_t>(next_));
+            got = pread(fd_, buffer_.data(), want, static_cast<off_t>(next_));
         while (got == -1 && errno == EINTR);
         if (got <= 0)  // an error, or a file cut short after it was scanned
             return false;
         if (copyTo_ >= 0) {
-            if (!writeInPieces(copyTo_, buffer_, static_cast<std::size_t>(got)))
+            if (!writeFully(copyTo_, buffer_.data(), static_cast<std::size_t>(got)))
                 return false;
             behind_.wrote(static_cast<std::size_t>(got));
         }
@@ -91,7 +96,7 @@ private:
     std::int64_t end_;
     int copyTo_;
     WriteBehind behind_;
-    unsigned char buffer_[ioPieceSize];
+    std::vector<unsigned char> buffer_;
     std::size_t used_ = 0;
     std::size_t filled_ = 0;
 };
