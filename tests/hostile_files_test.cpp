@@ -19,6 +19,7 @@
 #include <type_traits>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -306,6 +307,30 @@ TEST_F(HostileRotations, TheReaderDoesNotDecodeAChainBeyondTheLimit)
     Cms cms(der);
     EXPECT_EQ("Proof-of-rotation chain has 65 proofs, more than the limit of 64\n",
               stderrOf([&] { EXPECT_TRUE(cms.rotationChain()->previousKeyids().empty()); }));
+}
+
+// Files the library reads by path are regular files: a FIFO in place of a
+// certificate, a key, a CA store, a chain or a key file is refused at once.
+TEST_F(HostileFiles, FifosAreRefusedAtOnce)
+{
+    std::string fifo = dir.file("fifo");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    ChildResult child = runInChild(
+        [&] {
+            bool refused = !certificate_read(fifo.c_str()) && !certificate_store_read(fifo.c_str()) &&
+                           !private_key_read(fifo.c_str(), nullptr) && !ProofOfRotationChain_read(fifo.c_str()) &&
+                           Configuration(fifo).databasePath().empty() &&
+                           Certificate::readCertificateFromFile(fifo.c_str()).keyId().empty();
+            return refused ? 0 : 1;
+        },
+        20000);
+    EXPECT_FALSE(child.timedOut);
+    EXPECT_EQ(0, child.exitCode);
+    const std::string certificate = "Could not open certificate \"" + fifo + "\": Invalid argument\n";
+    EXPECT_EQ(certificate + "Could not open certificate store \"" + fifo + "\": Invalid argument\n"
+              "Could not open private key \"" + fifo + "\": Invalid argument\n"
+              "Could not open proof-of-rotation: Invalid argument\n" + certificate,
+              child.errors);
 }
 
 // Two trusted signers, with a rotation chain that ends at another key: the
