@@ -105,5 +105,24 @@ TEST_F(CliNonRegularInputs, RotationChainsMustBeRegularFiles)
     EXPECT_EQ(appended.errors, "sealkeep: " + fifo + ": cannot append to the chain: not a regular file\n");
 }
 
+TEST_F(CliNonRegularInputs, ImaApplyRefusesAFifoPackageCaAndConfiguration)
+{
+    std::string root = work.file("root");
+    runCommand({"mkdir", "-p", root});
+    auto byPackage = runQuickly({"ima", "apply", fifo, "--root", root, "--ca", ca()});
+    EXPECT_EQ(byPackage.exitCode, 1);
+    EXPECT_EQ(byPackage.errors, "sealkeep: " + fifo + ": not a regular file\n");
+
+    auto byCa = runQuickly({"ima", "apply", package, "--root", root, "--ca", fifo});
+    EXPECT_EQ(byCa.exitCode, 1);
+    EXPECT_EQ(byCa.errors, "Could not open certificate store \"" + fifo + "\": Invalid argument\nsealkeep: " +
+                               package + ": the signatures do not verify against " + fifo +
+                               ": no CA certificates could be read from " + fifo + ": not a regular file\n");
+
+    auto byConf = runQuickly({"ima", "apply", package, "--root", root, "--conf", fifo});
+    EXPECT_EQ(byConf.exitCode, 1);
+    EXPECT_EQ(byConf.errors, "sealkeep: " + fifo + ": cannot read the configuration: not a regular file\n");
+}
+
 }  // namespace
 }  // namespace sealkeep::test
