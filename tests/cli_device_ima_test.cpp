@@ -283,6 +283,20 @@ TEST_F(CliDeviceIma, FilesWithoutARecordAreRefused)
     EXPECT_EQ(applied.output, partialRoot + "/usr/share/partial/a: user.ima set\n1 file labelled, 2 refused\n");
 }
 
+// A %ghost file is listed in the header but installs nothing: it needs no
+// record.
+TEST_F(CliDeviceIma, AGhostFileNeedsNoRecord)
+{
+    std::string rpm = buildRpm(work.path(), "ghostly",
+                               {regularFile("/usr/share/ghostly/a", "aaa"), ghostFile("/var/log/ghostly.log")}, "gzip");
+    std::string ghostRoot = work.file("ghost-root");
+    unpackPayload(rpm, ghostRoot);
+    ASSERT_EQ(signAs(pki->developer(), rpm).exitCode, 0);
+    auto applied = run({"ima", "apply", rpm, "--root", ghostRoot, "--ca", ca(), "--xattr-user"});
+    EXPECT_EQ(applied.exitCode, 0) << applied.errors;
+    EXPECT_EQ(applied.output, ghostRoot + "/usr/share/ghostly/a: user.ima set\n1 file labelled, 0 refused\n");
+}
+
 // A payload compressed otherwise than its header says cannot be read at all
 // when it is signed: no file has a record, and none is labelled.
 TEST_F(CliDeviceIma, APayloadOfTheWrongCompressorLabelsNothingAndFails)

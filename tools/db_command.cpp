@@ -51,10 +51,9 @@ std::optional<Place> placeOf(DbOptions const& options)
 {
     std::string confPath =
         options.conf.empty() ? PackageSignatures::Configuration().confPath() : options.conf;
-    std::string refusal = inputRefusal(confPath);
-    if (!refusal.empty()) {
-        reportFailure(confPath, "cannot read the configuration: " +
-                                    (refusal == notRegularFile ? refusal : systemReason()));
+    InputFile configuration = openInput(confPath);
+    if (!configuration.fd) {
+        reportFailure(confPath, "cannot read the configuration: " + configuration.reason);
         return std::nullopt;
     }
     std::string databasePath = PackageSignatures::Configuration(confPath).databasePath();

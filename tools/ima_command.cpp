@@ -190,9 +190,9 @@ std::optional<PackageSignatures::Cms> trustedDeveloperSignature(ImaOptions const
                                                                 PackageSignatures::FileWithCmses& file)
 {
     if (!options.conf.empty()) {
-        std::string unreadable = inputRefusal(options.conf);
-        if (!unreadable.empty()) {
-            reportFailure(options.conf, "cannot read the configuration: " + unreadable);
+        InputFile configuration = openInput(options.conf);
+        if (!configuration.fd) {
+            reportFailure(options.conf, "cannot read the configuration: " + configuration.reason);
             return std::nullopt;
         }
     }
@@ -253,7 +253,7 @@ int runApply(ImaOptions const& options)
     std::size_t refused = 0;
     for (std::size_t index = 0; index < files->size(); ++index) {
         PackageFile const& packaged = (*files)[index];
-        if (!S_ISREG(packaged.mode))
+        if (!S_ISREG(packaged.mode) || packaged.ghost)
             continue;
         std::vector<unsigned char> record = developer->fileSignature(static_cast<int>(index));
         if (record.empty()) {

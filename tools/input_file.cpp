@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "cli.hpp"
 
@@ -16,7 +17,8 @@ namespace {
 InputFile cannotOpen()
 {
     int error = errno;
-    return {UniqueFd(), "cannot open: " + systemReason(), error};
+    std::string reason = std::strerror(error);
+    return {UniqueFd(), "cannot open: " + reason, reason, error};
 }
 
 }  // namespace
@@ -31,11 +33,11 @@ InputFile openInput(std::string const& path)
     if (fstat(fd.get(), &status) != 0)
         return cannotOpen();
     if (!S_ISREG(status.st_mode))
-        return {UniqueFd(), notRegularFile, 0};
+        return {UniqueFd(), notRegularFile, notRegularFile, 0};
     int flags = fcntl(fd.get(), F_GETFL);
     if (flags < 0 || fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0)
         return cannotOpen();
-    return {std::move(fd), {}, 0};
+    return {std::move(fd), {}, {}, 0};
 }
 
 std::string inputRefusal(std::string const& path)

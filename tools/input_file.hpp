@@ -20,6 +20,7 @@ constexpr char notRegularFile[] = "not a regular file";
 struct InputFile {
     UniqueFd fd;          // open for reading, blocking reads
     std::string refusal;  // why not, when fd holds none
+    std::string reason;   // the refusal without "cannot open: "
     int error = 0;        // errno of a refusal that is not notRegularFile
 };
 

@@ -101,6 +101,7 @@ std::optional<std::vector<PackageFile>> packageFiles(int fd)
         const int* members = nullptr;
         std::uint32_t links = rpmfilesFLinks(files.get(), i, &members);
         file.links = links > 1 ? links : 1;
+        file.ghost = (rpmfilesFFlags(files.get(), i) & RPMFILE_GHOST) != 0;
         listed.push_back(std::move(file));
     }
     return listed;

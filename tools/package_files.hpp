@@ -29,6 +29,9 @@ struct PackageFile {
     // How many names of the package share this file's content: 1 for a file
     // that is not hard-linked.
     std::size_t links = 1;
+    // Listed but not in the payload (%ghost): the package installs nothing
+    // there.
+    bool ghost = false;
 };
 
 // The files that the header of the package open as fd lists; nothing when

@@ -1,7 +1,6 @@
 // sealkeep rotate / rotation show: proofs that a signer's new key succeeds
 // its old one, chained oldest first in a PEM file.
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -59,9 +58,7 @@ int runRotate(RotateOptions const& options)
     InputFile existing = openInput(options.chain);
     bool exists = existing.fd || existing.error != ENOENT;
     if (options.append && !existing.fd) {
-        reportFailure(options.chain, "cannot append to the chain: " + (existing.error != 0
-                                                                           ? std::string(std::strerror(existing.error))
-                                                                           : existing.refusal));
+        reportFailure(options.chain, "cannot append to the chain: " + existing.reason);
         return statusFailed;
     }
     if (!options.append && exists) {
