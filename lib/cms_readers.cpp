@@ -96,7 +96,7 @@ ProofOfRotationChain* readRotationChain(CMS_ContentInfo* cms, bool* tooLong)
         return nullptr;  // the usual case: the signing key was never rotated
     if (ASN1_STRING* value = sequenceValue(attribute)) {
         int count = sequenceElementCount(ASN1_STRING_get0_data(value), ASN1_STRING_length(value));
-        if (rotationCountExceedsLimit(count)) {
+        if (rotationCountExceedsLimit(count) || chainSizeExceedsLimit(ASN1_STRING_length(value))) {
             *tooLong = true;
             return nullptr;
         }

@@ -75,18 +75,20 @@ bool Database::developerMatch(std::string_view package, Cms const& cms)
     if (!installed)
         return false;
     const std::string installedKeyid = installed->keyId();
-    if (installedKeyid == cms.certificate()->keyId())
+    if (installedKeyid == CmsAccess::certificateNow(cms)->keyId())
         return true;
-    const std::vector<std::string> previous = cms.rotationChain()->previousKeyids();
+    const std::vector<std::string> previous = CmsAccess::rotationChainNow(cms)->previousKeyids();
     return std::find(previous.begin(), previous.end(), installedKeyid) != previous.end();
 }
 
 PackageCheckResult Database::checkPackage(std::string_view package, std::vector<Cms> const& cmses,
                                           bool)
 {
-    // The caller's own element, not a copy: its decoded certificate and
-    // rotation chain stay cached in it from one decision to the next, and
-    // decoding them costs more than everything the database is asked.
+    // The caller's own element, not a copy, judged on the bytes it holds
+    // now: what it decodes stays cached in it until its bytes are replaced,
+    // since decoding costs more than everything the database is asked, but
+    // the caches its public accessors answer from are neither read nor
+    // filled.
     Cms const* developer = developerCmsIn(cmses);
     if (!developer)
         return NotDeveloperSigned;
@@ -98,7 +100,7 @@ PackageCheckResult Database::checkPackage(std::string_view package, std::vector<
     if (!snapshot.began())
         return KeyBlacklisted;
 
-    switch (getKeyidRevocationStatus(developer->certificate()->keyId())) {
+    switch (getKeyidRevocationStatus(CmsAccess::certificateNow(*developer)->keyId())) {
     case Superseded:
         return KeySuperseded;
     case Blacklisted:
@@ -106,7 +108,7 @@ PackageCheckResult Database::checkPackage(std::string_view package, std::vector<
     }
     // Earlier keys of the chain are superseded by the very rotation the chain
     // proves; only a blacklisting of one of them taints the signer.
-    for (std::string const& keyid : developer->rotationChain()->previousKeyids())
+    for (std::string const& keyid : CmsAccess::rotationChainNow(*developer)->previousKeyids())
         if (getKeyidRevocationStatus(keyid) == Blacklisted)
             return KeyBlacklisted;
 

@@ -21,18 +21,50 @@ constexpr int trustletTable = 1;
 
 }  // namespace
 
+using ParsedPtr = std::shared_ptr<CMS_ContentInfo>;
+
+// What the bytes held now say: dropped whole by assign(), so that it never
+// describes bytes the object no longer holds. The library's own decisions
+// read these; the public accessors take their first answer from here too,
+// so nothing is decoded twice while the bytes stay the same.
+struct CurrentAnswers {
+    ParsedPtr parsed;
+    bool undecodable = false;
+    std::shared_ptr<Certificate> certificate;
+    std::shared_ptr<RotationChain> rotationChain;
+};
+
 struct Cms::Record {
     std::vector<unsigned char> data;
     SignatureTable fileSignatures;
     SignatureTable trustletSignatures;
+    // The caches of the public accessors: once filled they are kept, even
+    // across assign(), as callers of certificate() and the like rely on.
     std::shared_ptr<Certificate> certificate;
     std::shared_ptr<RotationChain> rotationChain;
-    sealkeep::CmsPtr parsed;  // destroyed first: members go in reverse order
+    ParsedPtr parsed;
     // The bytes were tried and do not decode. Remembered so that each
     // accessor does not parse them again (and report it again).
     bool undecodable = false;
+    CurrentAnswers current;
+    // The file table was loaded from the parse of former bytes.
+    bool staleFileTable = false;
 
     SignatureTable& table(int which) { return which == trustletTable ? trustletSignatures : fileSignatures; }
+
+    // Replacing the bytes: the file table and every answer about the former
+    // bytes that is not part of the public caches go.
+    void replaced()
+    {
+        fileSignatures.clear();
+        undecodable = false;  // that verdict was about the former bytes
+        current = CurrentAnswers();
+        staleFileTable = false;
+    }
+
+    // Whether the public parse describes bytes held before an assign(): it
+    // then answers for the public caches, as it always has.
+    bool holdsFormerParse() const { return parsed && parsed != current.parsed; }
 };
 
 Cms::Cms(std::vector<unsigned char> const& der) : record_(std::make_unique<Record>())
@@ -65,15 +97,13 @@ unsigned long Cms::size() const
 void Cms::assign(std::vector<unsigned char> const& der)
 {
     record_->data = der;
-    record_->fileSignatures.clear();
-    record_->undecodable = false;  // that verdict was about the former bytes
+    record_->replaced();
 }
 
 void Cms::assignRaw(unsigned char const* der, unsigned long len)
 {
     record_->data.assign(der, der + len);
-    record_->fileSignatures.clear();
-    record_->undecodable = false;
+    record_->replaced();
 }
 
 bool Cms::operator==(Cms const& other) const
@@ -84,7 +114,7 @@ bool Cms::operator==(Cms const& other) const
 CMS_ContentInfo* Cms::parsed() const
 {
     if (!record_->parsed && !record_->undecodable) {
-        record_->parsed.reset(cms_from_der(record_->data.data(), static_cast<long>(record_->data.size())));
+        record_->parsed = CmsAccess::parsedNow(*this);
         record_->undecodable = !record_->parsed;
     }
     return record_->parsed.get();
@@ -110,6 +140,8 @@ void Cms::loadSignatures(int which) const
     sealkeep::FileSignaturesPtr decoded(cms_get_file_signatures(cms, which));
     if (!decoded)
         return;
+    if (which != trustletTable)
+        record_->staleFileTable = record_->holdsFormerParse();
     for (int i = 0; i < FileSignatures_count(decoded.get()); ++i) {
         FileSignature* entry = FileSignatures_get0_at(decoded.get(), i);
         int len = 0;
@@ -139,9 +171,14 @@ std::vector<unsigned char> Cms::trustletSignature(int index) const
 std::shared_ptr<Certificate> Cms::certificate() const
 {
     if (!record_->certificate) {
-        CMS_ContentInfo* cms = parsed();
-        X509* signer = cms ? cms_get_certificate(cms) : nullptr;
-        record_->certificate = std::make_shared<Certificate>(signer);
+        // A parse of the former bytes that the public cache still holds
+        // answers for them, as it always has.
+        if (record_->holdsFormerParse()) {
+            X509* signer = cms_get_certificate(record_->parsed.get());
+            record_->certificate = std::make_shared<Certificate>(signer);
+        } else {
+            record_->certificate = CmsAccess::certificateNow(*this);
+        }
     }
     return record_->certificate;
 }
@@ -149,27 +186,73 @@ std::shared_ptr<Certificate> Cms::certificate() const
 std::shared_ptr<RotationChain> Cms::rotationChain() const
 {
     if (!record_->rotationChain) {
-        CMS_ContentInfo* cms = parsed();
-        sealkeep::ChainPtr chain(cms ? cms_get_rotation_chain(cms) : nullptr);
-        record_->rotationChain = std::make_shared<RotationChain>(chain.get());
+        if (record_->holdsFormerParse()) {
+            sealkeep::ChainPtr chain(cms_get_rotation_chain(record_->parsed.get()));
+            record_->rotationChain = std::make_shared<RotationChain>(chain.get());
+        } else {
+            record_->rotationChain = CmsAccess::rotationChainNow(*this);
+        }
     }
     return record_->rotationChain;
 }
 
-namespace {
-
-// candidate when its signer belongs to group, null otherwise.
-Cms const* signedBy(Cms const& candidate, Group group)
+ParsedPtr CmsAccess::parsedNow(Cms const& cms)
 {
-    return candidate.certificate()->group() == group ? &candidate : nullptr;
+    CurrentAnswers& current = cms.record_->current;
+    if (!current.parsed && !current.undecodable) {
+        std::vector<unsigned char> const& data = cms.record_->data;
+        current.parsed.reset(cms_from_der(data.data(), static_cast<long>(data.size())), CMS_ContentInfo_free);
+        current.undecodable = !current.parsed;
+    }
+    return current.parsed;
 }
 
-// A copy of the chosen signature. The copy parses again on first use.
+std::shared_ptr<Certificate> CmsAccess::certificateNow(Cms const& cms)
+{
+    CurrentAnswers& current = cms.record_->current;
+    if (!current.certificate) {
+        ParsedPtr parsed = parsedNow(cms);
+        X509* signer = parsed ? cms_get_certificate(parsed.get()) : nullptr;
+        current.certificate = std::make_shared<Certificate>(signer);
+    }
+    return current.certificate;
+}
+
+std::shared_ptr<RotationChain> CmsAccess::rotationChainNow(Cms const& cms)
+{
+    CurrentAnswers& current = cms.record_->current;
+    if (!current.rotationChain) {
+        ParsedPtr parsed = parsedNow(cms);
+        sealkeep::ChainPtr chain(parsed ? cms_get_rotation_chain(parsed.get()) : nullptr);
+        current.rotationChain = std::make_shared<RotationChain>(chain.get());
+    }
+    return current.rotationChain;
+}
+
+std::optional<Cms> CmsAccess::currentCopy(Cms const& cms)
+{
+    std::optional<Cms> copy(std::in_place, cms);
+    if (cms.record_->staleFileTable)
+        copy->record_->fileSignatures.clear();
+    return copy;
+}
+
+namespace {
+
+// candidate when the signer of the bytes it holds belongs to group, null
+// otherwise.
+Cms const* signedBy(Cms const& candidate, Group group)
+{
+    return CmsAccess::certificateNow(candidate)->group() == group ? &candidate : nullptr;
+}
+
+// A copy of the chosen signature, with nothing that describes other bytes.
+// The copy parses again on first use.
 std::optional<Cms> copyOf(Cms const* chosen)
 {
     if (!chosen)
         return std::nullopt;
-    return std::optional<Cms>(std::in_place, *chosen);
+    return CmsAccess::currentCopy(*chosen);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 
+#include "common/key_file.hpp"
 #include "common/ossl_ptr.hpp"
 
 namespace PackageSignatures {
@@ -49,8 +50,7 @@ Configuration::Configuration(std::string_view path) : record_(std::make_unique<R
     // getter reports as an absent key: there is nothing more useful to say.
     // GLib keeps what it read before the line it could not parse, so that
     // head is dropped: half a configuration is not a configuration.
-    if (!g_key_file_load_from_file(record_->keyFile.get(), record_->filePath.c_str(),
-                                   G_KEY_FILE_NONE, nullptr))
+    if (!sealkeep::loadKeyFile(record_->keyFile.get(), record_->filePath.c_str()))
         record_->keyFile.reset(g_key_file_new());
 }
 

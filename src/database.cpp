@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sealkeep/configuration.hpp>
@@ -23,6 +24,9 @@ constexpr int currentVersion = 4;
 // the database busy. Only tests change it (setDatabaseBusyTimeoutForTests).
 constexpr int defaultBusyTimeoutMs = 5000;
 int busyTimeoutMs = defaultBusyTimeoutMs;
+// The name of a VFS that SQLite does not have: opening with it fails before
+// the file is touched, and leaves a connection on which everything fails.
+constexpr char refusingVfs[] = "sealkeep-refused-file";
 
 using SqliteTextPtr = std::unique_ptr<char, sealkeep::Deleter<sqlite3_free>>;
 
@@ -224,12 +228,21 @@ sqlite3_stmt* Database::cachedStatement(int key, std::string_view sql, int& resu
 Database::Database(std::string_view dbPath) : Database(dbPath, Configuration().confPath()) {}
 
 Database::Database(std::string_view dbPath, std::string_view confPath)
+    : Database(dbPath, confPath, CreateIfMissing)
+{}
+
+Database::Database(std::string_view dbPath, std::string_view confPath, OpenMode mode)
     : record_(std::make_unique<Record>())
 {
     record_->confPath = std::string(confPath);
     const std::string path(dbPath);
-    if (sqlite3_open_v2(path.c_str(), &record_->db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
-                        nullptr) != SQLITE_OK) {
+    // SQLite would read a FIFO or a device given in place of the file, and
+    // wait on it for ever. Such a path gets a connection that failed to
+    // open, as one in a missing directory does: every operation fails on it.
+    struct stat status {};
+    const bool unusable = stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+    const int flags = mode == ExistingOnly ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    if (sqlite3_open_v2(path.c_str(), &record_->db, flags, unusable ? refusingVfs : nullptr) != SQLITE_OK) {
         std::cerr << "Could not open database at " << dbPath << std::endl;
         return;
     }

@@ -8,6 +8,7 @@
 
 #include <sealkeep/configuration.hpp>
 
+#include "common/key_file.hpp"
 #include "database_record.hpp"
 
 namespace PackageSignatures {
@@ -38,7 +39,7 @@ std::string developerModeFile(Configuration const& configuration,
 std::optional<bool> enabledIn(std::string const& path)
 {
     sealkeep::GKeyFilePtr keyFile(g_key_file_new());
-    if (!g_key_file_load_from_file(keyFile.get(), path.c_str(), G_KEY_FILE_NONE, nullptr))
+    if (!sealkeep::loadKeyFile(keyFile.get(), path.c_str()))
         return std::nullopt;
     sealkeep::GStrvPtr keys(
         g_key_file_get_keys(keyFile.get(), developerModeGroup, nullptr, nullptr));

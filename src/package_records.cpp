@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "cms_selection.hpp"
 #include "database_record.hpp"
 
 namespace PackageSignatures {
@@ -164,11 +165,12 @@ bool Database::insertPackage(std::string_view package, std::vector<Cms> const& c
     if (!removePackage(package))
         return false;
     for (Cms const& cms : cmses) {
-        if (!insertPackageWithCertificate(package, *cms.certificate()))
+        // What the bytes held now say, whatever the caller's caches keep.
+        if (!insertPackageWithCertificate(package, *CmsAccess::certificateNow(cms)))
             return false;
         // The signer's earlier keys may no longer make new signatures. An
         // insert never lowers a blacklisting.
-        for (std::string const& keyid : cms.rotationChain()->previousKeyids())
+        for (std::string const& keyid : CmsAccess::rotationChainNow(cms)->previousKeyids())
             if (!insertRevokedKeyid(keyid, Superseded))
                 return false;
     }

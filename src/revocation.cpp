@@ -8,6 +8,7 @@
 
 #include <sealkeep/configuration.hpp>
 
+#include "common/key_file.hpp"
 #include "database_record.hpp"
 
 namespace PackageSignatures {
@@ -110,7 +111,7 @@ bool Database::processKeyidsFromFile(std::string_view path, std::string_view gro
     const std::string file(path);
     const std::string groupName(group);
     sealkeep::GKeyFilePtr keyFile(g_key_file_new());
-    if (!g_key_file_load_from_file(keyFile.get(), file.c_str(), G_KEY_FILE_NONE, nullptr))
+    if (!sealkeep::loadKeyFile(keyFile.get(), file.c_str()))
         return false;
     sealkeep::GStrvPtr keyids(
         g_key_file_get_keys(keyFile.get(), groupName.c_str(), nullptr, nullptr));

@@ -24,6 +24,7 @@ namespace {
 using PackageSignatures::Certificate;
 using PackageSignatures::Cms;
 using PackageSignatures::Database;
+using PackageSignatures::Group;
 using PackageSignatures::PackageCheckResult;
 
 TEST(PackageCheckResult, ValuesAreTheIntegersInstallersCompare)
@@ -233,6 +234,49 @@ TEST_F(Admission, ADecisionReadsOneStateOfTheFileAndLetsItGo)
     log.take();
     EXPECT_EQ(1, database->checkPackage("p", {signedCms(pki->client())}, false));
     EXPECT_EQ(Rows{}, log.take());
+}
+
+// A Cms whose bytes were replaced with assign() after its certificate was
+// read is judged on the bytes it holds now: a client signature put in the
+// developer's place is no developer signature.
+TEST_F(Admission, ASignatureIsJudgedOnTheBytesItHoldsNow)
+{
+    std::vector<Cms> cmses{signedCms(identity('a'))};
+    ASSERT_EQ(Group::Developer, cmses[0].certificate()->group());
+    cmses[0].assign(signedCms(pki->client()).data());
+    EXPECT_EQ(1, check("p", cmses));
+
+    // And the other way round: a seclab signature replaced by a developer's.
+    std::vector<Cms> replaced{signedCms(pki->seclab())};
+    ASSERT_EQ(Group::Seclab, replaced[0].certificate()->group());
+    replaced[0].assign(signedCms(identity('b')).data());
+    EXPECT_EQ(0, check("p", replaced));
+}
+
+// After a decision on one developer key, the bytes of another developer are
+// assigned: a blacklisting of the new key is seen, also by the records.
+TEST_F(Admission, AKeyRevokedAfterAnAssignIsTheOneJudged)
+{
+    std::vector<Cms> cmses{signedCms(identity('a'))};
+    ASSERT_EQ(0, check("p", cmses));
+    cmses[0].assign(signedCms(identity('b')).data());
+    ASSERT_TRUE(database->insertRevokedKeyid(keyid('b'), Database::Blacklisted));
+    EXPECT_EQ(6, check("p", cmses));
+    ASSERT_TRUE(database->removeRevokedKeyid(keyid('b'), Database::Blacklisted));
+    ASSERT_TRUE(database->insertPackage("p", cmses));
+    EXPECT_EQ((std::vector<std::string>{keyid('b')}), keyidsOf(database->packageCertificates("p")));
+    EXPECT_EQ(0, check("p", {signedCms(identity('b'))}));
+}
+
+// A decision leaves the caller's objects as it found them: what they answer
+// afterwards is what they would have answered without it.
+TEST_F(Admission, ADecisionFillsNoCacheOfTheCaller)
+{
+    std::vector<Cms> cmses{signedCms(identity('a'))};
+    ASSERT_EQ(0, check("p", cmses));
+    cmses[0].assign(signedCms(pki->client()).data());
+    EXPECT_EQ(Group::Client, cmses[0].certificate()->group());
+    EXPECT_EQ(keyidOf(pki->client()), cmses[0].certificate()->keyId());
 }
 
 // The system developer key id file is found through the default

@@ -1,12 +1,14 @@
 // sealkeep ca init / ca issue / rotate / rotation show, and the command's
 // usage, help and version.
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -271,6 +273,39 @@ TEST_F(CliCa, RotateRefusals)
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_NE(missing.errors.find("sealkeep: missing.pem: cannot read the rotation chain\n"), std::string::npos);
     EXPECT_EQ(run({"rotation"}).exitCode, 2);
+}
+
+// A chain file of 300 MB is refused by its size, at once and in little
+// memory, by both commands that read one.
+TEST_F(CliCa, AHugeChainFileIsRefusedByItsSize)
+{
+    Identity a = pki->issue("huge-a", "developer");
+    Identity b = pki->issue("huge-b", "developer");
+    std::string path = work.file("huge.pem");
+    writeText(path, "-----BEGIN PROOF OF ROTATION CHAIN-----\n");
+    ASSERT_EQ(truncate(path.c_str(), 300L << 20), 0);
+    std::string limit = "Proof-of-rotation chain of " + std::to_string(300L << 20) +
+                        " bytes, more than the limit of 1048576 bytes\n";
+    std::string measures = work.file("measures");
+    for (auto const& args : std::vector<std::vector<std::string>>{
+             {"rotation", "show", path},
+             {"rotate", path, "--append", "--old-cert", a.certPath, "--old-key", a.keyPath, "--new-cert", b.certPath,
+              "--new-key", b.keyPath}}) {
+        SCOPED_TRACE(args[0]);
+        auto result = runShell("/usr/bin/time -o " + shellQuoted(measures) + " -f '%e %M' " + sealkeepCommandLine(args));
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.errors.rfind(limit, 0), 0u) << result.errors;
+        double seconds = 0;
+        long peakKib = 0;
+        // time's last line; a line about the exit status may come first.
+        std::string measured = readText(measures);
+        std::size_t last = measured.rfind('\n', measured.size() - 2);
+        measured = last == std::string::npos ? measured : measured.substr(last + 1);
+        ASSERT_EQ(std::sscanf(measured.c_str(), "%lf %ld", &seconds, &peakKib), 2) << readText(measures);
+        EXPECT_LT(seconds, 1.0);
+        EXPECT_LT(peakKib, 64 * 1024);
+    }
+    EXPECT_EQ(fileSize(path), 300L << 20);
 }
 
 // ---------------------------------------------------------------------------

@@ -250,6 +250,50 @@ TEST_F(CmsObject, ClientSelectorLooksAtTheLastSignatureOnly)
     EXPECT_FALSE(clientCmsFromVector({}));
 }
 
+// The selectors judge the bytes an element holds when they are called, not
+// a certificate it read before an assign().
+TEST_F(CmsObject, SelectorsJudgeTheBytesHeldNow)
+{
+    std::vector<Cms> cmses{Cms(plainSignature(pki->developer()))};
+    ASSERT_EQ(Group::Developer, cmses[0].certificate()->group());
+    cmses[0].assign(plainSignature(pki->client()));
+    EXPECT_FALSE(developerCmsFromVector(cmses));
+    auto client = clientCmsFromVector(cmses);
+    ASSERT_TRUE(client);
+    EXPECT_EQ(Group::Client, client->certificate()->group());
+
+    ASSERT_EQ(Group::Developer, cmses[0].certificate()->group());  // the public cache keeps its answer
+    cmses[0].assign(plainSignature(pki->seclab()));
+    EXPECT_FALSE(clientCmsFromVector(cmses));
+    cmses[0].assign(plainSignature(pki->developer()));
+    auto developer = developerCmsFromVector(cmses);
+    ASSERT_TRUE(developer);
+    EXPECT_EQ(Group::Developer, developer->certificate()->group());
+    EXPECT_TRUE(*developer == cmses[0]);
+}
+
+TEST_F(CmsObject, SelectorsFillNoCacheOfTheCaller)
+{
+    std::vector<Cms> cmses{Cms(plainSignature(pki->developer()))};
+    ASSERT_TRUE(developerCmsFromVector(cmses));
+    ASSERT_FALSE(clientCmsFromVector(cmses));
+    cmses[0].assign(plainSignature(pki->client()));
+    EXPECT_EQ(Group::Client, cmses[0].certificate()->group());
+}
+
+// A file table that the element loaded from the parse of its former bytes
+// is not handed to the copy that a selector returns.
+TEST_F(CmsObject, TheSelectedCopyHasTheFileTableOfTheBytesHeldNow)
+{
+    std::vector<Cms> cmses{Cms(withFileSignatures({{0, "old"}}))};
+    ASSERT_EQ(asBytes("old"), cmses[0].fileSignature(0));
+    cmses[0].assign(withFileSignatures({{0, "new"}}));
+    ASSERT_EQ(asBytes("old"), cmses[0].fileSignature(0));  // the contract of assign()
+    auto developer = developerCmsFromVector(cmses);
+    ASSERT_TRUE(developer);
+    EXPECT_EQ(asBytes("new"), developer->fileSignature(0));
+}
+
 TEST_F(CmsObject, CmsesListsEveryBlockInFileOrderWithoutDecoding)
 {
     std::string path = dir.file("package");

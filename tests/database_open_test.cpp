@@ -2,6 +2,8 @@
 // revoke-on-bind key ids in one transaction, an unusable file is reported,
 // and the statement cache, the transaction guard and the destructor release
 // what they hold.
+#include <sys/stat.h>
+
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -15,6 +17,7 @@
 
 #include "support/database_fixture.hpp"
 #include "support/files.hpp"
+#include "support/process.hpp"
 #include "support/sqlite_file.hpp"
 
 using namespace sealkeep::test;
@@ -199,6 +202,42 @@ TEST_F(DatabaseOpen, UnopenableFileIsReportedAndEveryOperationFails)
     EXPECT_EQ(Database::Blacklisted, database->getKeyidRevocationStatus("k"));
     EXPECT_TRUE(database->revokedKeyids().empty());
     EXPECT_FALSE(fileExists(path));
+}
+
+// A FIFO in place of the file would make SQLite wait on it for ever: it is
+// refused like a file that cannot be opened, at once.
+TEST_F(DatabaseOpen, APathThatIsNoRegularFileIsNotOpened)
+{
+    const std::string path = files.file("fifo.db");
+    ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+    ChildResult child = runInChild(
+        [&] {
+            Database database(path, files.confPath());
+            bool failed = database.queryVersion() == -1 && !database.insertRevokedKeyid("k", Database::Blacklisted) &&
+                          database.getKeyidRevocationStatus("k") == Database::Blacklisted;
+            return failed ? 0 : 1;
+        },
+        20000);
+    EXPECT_FALSE(child.timedOut);
+    EXPECT_EQ(0, child.exitCode);
+    EXPECT_EQ("Could not open database at " + path + "\n", child.errors);
+}
+
+// Opened for questions only, a missing file is not created.
+TEST_F(DatabaseOpen, ExistingOnlyCreatesNoFile)
+{
+    const std::string path = files.file("absent.db");
+    std::unique_ptr<Database> database;
+    EXPECT_EQ("Could not open database at " + path + "\n", stderrOf([&] {
+                  database = std::make_unique<Database>(path, files.confPath(), Database::ExistingOnly);
+              }));
+    EXPECT_EQ(-1, database->queryVersion());
+    EXPECT_FALSE(fileExists(path));
+    database.reset();
+    { Database created(path, files.confPath()); }
+    ASSERT_TRUE(fileExists(path));
+    Database existing(path, files.confPath(), Database::ExistingOnly);
+    EXPECT_EQ(4, existing.queryVersion());
 }
 
 TEST_F(DatabaseOpen, OneArgumentConstructorUsesTheDefaultConfiguration)

@@ -362,33 +362,6 @@ TEST_F(FileSignaturesWalk, APayloadThatEndsEarlyFailsTheSignature)
               signing.errors);
 }
 
-// The newc archive of names (one per line, "./usr/..."), taken from the
-// unpacked payload of the package at rpm.
-Bytes archiveOf(std::string const& rpm, std::string const& names)
-{
-    static int count = 0;
-    std::string root = rpm + ".unpacked-" + std::to_string(count);
-    std::string archive = rpm + ".archive-" + std::to_string(count++);
-    unpackPayload(rpm, root);
-    auto made = runShell("cd '" + root + "' && printf '" + names + "' | cpio -o -H newc --quiet > '" + archive + "'");
-    if (made.exitCode != 0)
-        throw std::runtime_error("cpio failed: " + made.errors);
-    return readFile(archive);
-}
-
-// The package at rpm (whose compressor is gzip) with archive as its payload.
-Bytes withPayload(std::string const& rpm, Bytes const& archive)
-{
-    std::string path = rpm + ".payload";
-    writeFile(path, archive);
-    auto compressed = runCommand({"gzip", "-n", "-f", path});
-    if (compressed.exitCode != 0)
-        throw std::runtime_error("gzip failed: " + compressed.errors);
-    RpmParts parts = splitRpm(readFile(rpm));
-    parts.payload = readFile(path + ".gz");
-    return joinRpm(parts);
-}
-
 // An archive that repeats an entry would make the walk sign it again on every
 // repeat (and every name of a hard-link set again); an honest archive holds
 // each file once.

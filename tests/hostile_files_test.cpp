@@ -19,8 +19,11 @@
 #include <type_traits>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <openssl/pem.h>
 
 #include <sealkeep/sealkeep.hpp>
 
@@ -306,6 +309,79 @@ TEST_F(HostileRotations, TheReaderDoesNotDecodeAChainBeyondTheLimit)
     Cms cms(der);
     EXPECT_EQ("Proof-of-rotation chain has 65 proofs, more than the limit of 64\n",
               stderrOf([&] { EXPECT_TRUE(cms.rotationChain()->previousKeyids().empty()); }));
+}
+
+// A chain file is read with the limits of a chain in a signature: one of
+// 300 MB is refused by its size, before a byte of it is decoded, and one of
+// 65 proofs by its count, before any proof is.
+TEST_F(HostileRotations, AHugeChainFileIsRefusedByItsSize)
+{
+    std::string text = "-----BEGIN PROOF OF ROTATION CHAIN-----\n";
+    std::string path = dir.file("huge.pem");
+    writeSparseFile(path, 300 * mib, Bytes(text.begin(), text.end()));
+    Cost reading = costOf([&] { return ProofOfRotationChain_read(path.c_str()) != nullptr; });
+    EXPECT_TRUE(reading.finished);
+    EXPECT_FALSE(reading.result);
+    EXPECT_LT(reading.peakKib, peakLimitKib);
+    EXPECT_LT(reading.elapsedMs, 1000);
+    EXPECT_EQ("Proof-of-rotation chain of " + std::to_string(300 * mib + text.size()) +
+                  " bytes, more than the limit of 1048576 bytes\n",
+              reading.errors);
+}
+
+TEST_F(HostileRotations, AChainFileOfMoreThanSixtyFourProofsIsNotDecoded)
+{
+    Identity next = pki->issue("next developer", "developer");
+    Bytes proof = proofToward(next);
+    for (std::size_t count : {64u, 65u}) {
+        SCOPED_TRACE(count);
+        Bytes der = chainOfCopies(proof, count);
+        const unsigned char* cursor = der.data();
+        ProofOfRotationChain* chain = d2i_ProofOfRotationChain(nullptr, &cursor, static_cast<long>(der.size()));
+        ASSERT_NE(nullptr, chain);
+        std::string path = dir.file("chain-" + std::to_string(count) + ".pem");
+        FILE* file = fopen(path.c_str(), "w");
+        ASSERT_NE(nullptr, file);
+        EXPECT_EQ(1, PEM_write_ProofOfRotationChain(file, chain));
+        fclose(file);
+        ProofOfRotationChain_free(chain);
+        ProofOfRotationChain* read = nullptr;
+        std::string errors = stderrOf([&] { read = ProofOfRotationChain_read(path.c_str()); });
+        if (count == 64) {
+            EXPECT_NE(nullptr, read);
+            EXPECT_EQ("", errors);
+        } else {
+            EXPECT_EQ(nullptr, read);
+            EXPECT_EQ("Proof-of-rotation chain has 65 proofs, more than the limit of 64\n"
+                      "Could not read proof-of-rotation chain\n",
+                      errors);
+        }
+        ProofOfRotationChain_free(read);
+    }
+}
+
+// Files the library reads by path are regular files: a FIFO in place of a
+// certificate, a key, a CA store, a chain or a key file is refused at once.
+TEST_F(HostileFiles, FifosAreRefusedAtOnce)
+{
+    std::string fifo = dir.file("fifo");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    ChildResult child = runInChild(
+        [&] {
+            bool refused = !certificate_read(fifo.c_str()) && !certificate_store_read(fifo.c_str()) &&
+                           !private_key_read(fifo.c_str(), nullptr) && !ProofOfRotationChain_read(fifo.c_str()) &&
+                           Configuration(fifo).databasePath().empty() &&
+                           Certificate::readCertificateFromFile(fifo.c_str()).keyId().empty();
+            return refused ? 0 : 1;
+        },
+        20000);
+    EXPECT_FALSE(child.timedOut);
+    EXPECT_EQ(0, child.exitCode);
+    const std::string certificate = "Could not open certificate \"" + fifo + "\": Invalid argument\n";
+    EXPECT_EQ(certificate + "Could not open certificate store \"" + fifo + "\": Invalid argument\n"
+              "Could not open private key \"" + fifo + "\": Invalid argument\n"
+              "Could not open proof-of-rotation: Invalid argument\n" + certificate,
+              child.errors);
 }
 
 // Two trusted signers, with a rotation chain that ends at another key: the

@@ -307,6 +307,89 @@ TEST_F(TrustedApplicationSigning, TrustedApplicationsGoToTheirOwnTableAndGetNoIm
         EXPECT_TRUE(imaByName.count(other)) << other;
 }
 
+// Whether the IMA record signs, with the developer's key, the Streebog-256
+// digest of content.
+bool imaRecordSigns(Bytes const& record, Bytes const& content, std::string const& certPath)
+{
+    if (record.size() < 9 || record[0] != 3 || record[1] != 2 || record[2] != 18)
+        return false;
+    X509Ptr cert = loadCertificate(certPath);
+    PkeyPtr key(X509_get_pubkey(cert.get()));
+    const EVP_MD* md = EVP_get_digestbynid(982);
+    Bytes digest(EVP_MAX_MD_SIZE);
+    unsigned int length = 0;
+    if (!md || !EVP_Digest(content.data(), content.size(), digest.data(), &length, md, nullptr))
+        return false;
+    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key.get(), nullptr),
+                                                                    &EVP_PKEY_CTX_free);
+    return ctx && EVP_PKEY_verify_init(ctx.get()) == 1 && EVP_PKEY_CTX_set_signature_md(ctx.get(), md) == 1 &&
+           EVP_PKEY_verify(ctx.get(), record.data() + 9, record.size() - 9, digest.data(), length) == 1;
+}
+
+// Names of one inode that are trusted applications each get a header made
+// for the UUID of their own name, which OP-TEE checks; the names that are not
+// get the IMA record of the shared content. Whichever name carries the
+// content in the archive.
+TEST_F(TrustedApplicationSigning, EachNameOfAHardLinkSetGetsItsOwnValue)
+{
+    const std::string firstTa = "/usr/lib/optee_armtz/11111111-2222-3333-4444-555555555555.ta";
+    const std::string secondTa = "/usr/lib/optee_armtz/aaaaaaaa-bbbb-cccc-dddd-eeeeeeeeeeee.ta";
+    const std::string taBeforePlain = "/usr/lib/optee_armtz/22222222-2222-2222-2222-222222222222.ta";
+    const std::string plainAfterTa = "/usr/share/linked/after-image";
+    const std::string plainBeforeTa = "/usr/lib/before/image";
+    const std::string taAfterPlain = "/usr/lib/optee_armtz/33333333-3333-3333-3333-333333333333.ta";
+    const Bytes shared = patternBytes(9000, 5), second = patternBytes(7000, 6), third = patternBytes(5000, 8);
+    auto text = [](Bytes const& bytes) { return std::string(bytes.begin(), bytes.end()); };
+    std::string linked = buildRpm(dir->path(), "linkedtas",
+                                  {regularFile(firstTa, text(shared)), hardLink(secondTa, firstTa),
+                                   regularFile(taBeforePlain, text(second)), hardLink(plainAfterTa, taBeforePlain),
+                                   regularFile(plainBeforeTa, text(third)), hardLink(taAfterPlain, plainBeforeTa)});
+    auto names = packageFileNames(linked);
+    auto signing = signPackage(readFile(linked), signer->borrowed(), taKey.get(), taRsaPss);
+    ASSERT_TRUE(signing.der) << signing.errors;
+    EXPECT_EQ("", signing.errors);
+    auto ta = tableOf(*signing.der, 1);
+    auto ima = tableOf(*signing.der, 0);
+    ASSERT_TRUE(ta && ima);
+    std::map<std::string, Bytes> taByName, imaByName;
+    for (auto const& entry : *ta)
+        taByName[names.at(entry.index)] = entry.value;
+    for (auto const& entry : *ima)
+        imaByName[names.at(entry.index)] = entry.value;
+    EXPECT_EQ(4u, taByName.size());
+    EXPECT_EQ(2u, imaByName.size());
+
+    struct Expected {
+        std::string name;
+        Bytes uuid;
+        Bytes const* image;
+    };
+    for (auto const& [name, uuid, content] :
+         {Expected{firstTa, Bytes{0x11, 0x11, 0x11, 0x11, 0x22, 0x22, 0x33, 0x33, 0x44, 0x44, 0x55, 0x55, 0x55, 0x55,
+                                  0x55, 0x55},
+                   &shared},
+          Expected{secondTa, Bytes{0xaa, 0xaa, 0xaa, 0xaa, 0xbb, 0xbb, 0xcc, 0xcc, 0xdd, 0xdd, 0xee, 0xee, 0xee, 0xee,
+                                   0xee, 0xee},
+                   &shared},
+          Expected{taBeforePlain, Bytes(16, 0x22), &second}, Expected{taAfterPlain, Bytes(16, 0x33), &third}}) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(taByName.count(name));
+        EXPECT_FALSE(imaByName.count(name));
+        ParsedHeader h = parse(std::string(taByName[name].begin(), taByName[name].end()));
+        EXPECT_EQ(0x4F545348u, h.magic);
+        EXPECT_EQ(content->size(), h.imgSize);
+        EXPECT_EQ(uuid, h.uuid);
+        EXPECT_EQ(expectedHash(h, *content), h.hash);
+        EXPECT_TRUE(pkeyutlVerifies(h.hash, h.signature, taRsaPss));
+    }
+    for (auto const& [name, content] : {std::pair{plainAfterTa, &second}, std::pair{plainBeforeTa, &third}}) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(imaByName.count(name));
+        EXPECT_FALSE(taByName.count(name));
+        EXPECT_TRUE(imaRecordSigns(imaByName[name], *content, pki->developer().certPath));
+    }
+}
+
 TEST_F(TrustedApplicationSigning, TrustedApplicationsWithoutATaKeyFailTheSignature)
 {
     // The payload is in name order: the first trusted application met is the

@@ -2,7 +2,7 @@
 // administrators see it: status, admission checks, package records, revoked
 // key ids and the developer-mode state, all on the files the configuration
 // names.
-#include <fstream>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,7 +17,9 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "input_file.hpp"
 #include "json_output.hpp"
+#include "package_files.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -33,8 +35,9 @@ struct DbOptions {
     bool active = false;
     bool superseded = false;
     bool blacklisted = false;
-    std::string name;
-    std::string package;
+    std::string name;                         // of remove
+    std::vector<std::string> nameAndPackage;  // of check and install: [NAME] PACKAGE
+    bool otherName = false;
     std::string keyid;
 };
 
@@ -48,8 +51,9 @@ std::optional<Place> placeOf(DbOptions const& options)
 {
     std::string confPath =
         options.conf.empty() ? PackageSignatures::Configuration().confPath() : options.conf;
-    if (!std::ifstream(confPath)) {
-        reportFailure(confPath, "cannot read the configuration: " + systemReason());
+    InputFile configuration = openInput(confPath);
+    if (!configuration.fd) {
+        reportFailure(confPath, "cannot read the configuration: " + configuration.reason);
         return std::nullopt;
     }
     std::string databasePath = PackageSignatures::Configuration(confPath).databasePath();
@@ -60,29 +64,62 @@ std::optional<Place> placeOf(DbOptions const& options)
     return Place{confPath, databasePath};
 }
 
-// The schema version of an existing database file, read without writing;
-// nothing when the file cannot be opened read-only or is not a database.
-std::optional<int> schemaVersionOf(std::string const& path)
+// How long the command waits for another process's lock on the database,
+// as the library's own operations do.
+constexpr int busyTimeoutMs = 5000;
+
+// The schema version of an existing database file, read without writing and
+// without creating it; otherwise why not, as a line for the command's
+// report.
+struct SchemaVersion {
+    std::optional<int> version;
+    std::string refusal;
+};
+
+// A lock held by another process (a commit in progress) is waited for, and
+// after the wait reported as what it is: a busy database, not a damaged one.
+std::string databaseRefusal(sqlite3* db, int result)
+{
+    switch (result & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        return "the database is busy: another process kept it locked for " +
+               std::to_string(busyTimeoutMs / 1000) + " seconds; try again";
+    case SQLITE_NOTADB:
+        return "cannot open the database: not an SQLite database";
+    case SQLITE_CANTOPEN:
+        if (int error = db ? sqlite3_system_errno(db) : 0)
+            return std::string("cannot open the database: ") + std::strerror(error);
+        break;
+    }
+    return std::string("cannot open the database: ") + (db ? sqlite3_errmsg(db) : sqlite3_errstr(result));
+}
+
+SchemaVersion schemaVersionOf(std::string const& path)
 {
     sqlite3* raw = nullptr;
     int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
     std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, &sqlite3_close);
     if (rc != SQLITE_OK)
-        return std::nullopt;
+        return {std::nullopt, databaseRefusal(db.get(), rc)};
+    sqlite3_busy_timeout(db.get(), busyTimeoutMs);
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db.get(), "PRAGMA user_version", -1, &statement, nullptr) != SQLITE_OK)
-        return std::nullopt;
+    rc = sqlite3_prepare_v2(db.get(), "PRAGMA user_version", -1, &statement, nullptr);
     std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> owned(statement, &sqlite3_finalize);
-    if (sqlite3_step(statement) != SQLITE_ROW)
-        return std::nullopt;
-    return sqlite3_column_int(statement, 0);
+    if (rc != SQLITE_OK)
+        return {std::nullopt, databaseRefusal(db.get(), rc)};
+    rc = sqlite3_step(statement);
+    if (rc != SQLITE_ROW)
+        return {std::nullopt, databaseRefusal(db.get(), rc)};
+    return {sqlite3_column_int(statement, 0), {}};
 }
 
 // The database of the configuration, opened for a command. A read-only
-// command needs an existing, non-empty file, so that asking never creates
-// one: the library writes its tables into an empty file as into a missing
-// one. Every command refuses a file of a newer schema rather than work on
-// tables it does not know.
+// command needs an existing, non-empty file, and never creates one, not
+// even when the file disappears meanwhile: the library writes its tables
+// into an empty file as into a missing one. Every command refuses a file of
+// a newer schema rather than work on tables it does not know, and anything
+// that is not a regular file, which SQLite would wait on.
 std::unique_ptr<Database> openDatabase(Place const& place, bool readOnly)
 {
     struct stat status {};
@@ -91,27 +128,35 @@ std::unique_ptr<Database> openDatabase(Place const& place, bool readOnly)
         reportFailure(place.databasePath, "cannot open the database: " + systemReason());
         return nullptr;
     }
+    if (exists && !S_ISREG(status.st_mode)) {
+        reportFailure(place.databasePath, std::string("cannot open the database: ") + notRegularFile);
+        return nullptr;
+    }
     if (readOnly && status.st_size == 0) {
         reportFailure(place.databasePath, "cannot open the database: the file is empty");
         return nullptr;
     }
     if (exists) {
-        std::optional<int> version = schemaVersionOf(place.databasePath);
-        if (!version) {
-            reportFailure(place.databasePath, "cannot open the database: not an SQLite database");
+        SchemaVersion schema = schemaVersionOf(place.databasePath);
+        if (!schema.version) {
+            reportFailure(place.databasePath, schema.refusal);
             return nullptr;
         }
-        if (*version > knownSchemaVersion) {
-            reportFailure(place.databasePath, "the database has schema version " + std::to_string(*version) +
+        if (*schema.version > knownSchemaVersion) {
+            reportFailure(place.databasePath, "the database has schema version " + std::to_string(*schema.version) +
                                                   ", newer than version " + std::to_string(knownSchemaVersion) +
                                                   " that this command knows");
             return nullptr;
         }
     }
-    auto db = std::make_unique<Database>(place.databasePath, place.confPath);
+    auto db = std::make_unique<Database>(place.databasePath, place.confPath,
+                                         readOnly ? Database::ExistingOnly : Database::CreateIfMissing);
     if (db->queryVersion() != knownSchemaVersion) {
-        reportFailure(place.databasePath, "cannot open the database at schema version " +
-                                              std::to_string(knownSchemaVersion));
+        if (readOnly && stat(place.databasePath.c_str(), &status) != 0)
+            reportFailure(place.databasePath, "cannot open the database: " + systemReason());
+        else
+            reportFailure(place.databasePath, "cannot open the database at schema version " +
+                                                  std::to_string(knownSchemaVersion));
         return nullptr;
     }
     return db;
@@ -223,21 +268,53 @@ int runStatus(DbOptions const& options, Place const& place, Database& db)
     return statusOk;
 }
 
-// A package's signatures once they verify against the configured root CA.
-std::optional<std::vector<PackageSignatures::Cms>> verifiedSignatures(Place const& place,
-                                                                      std::string const& package)
+// A package file to check or install: the name it is recorded under and
+// its signatures, which verify against the configured root CA.
+struct VerifiedPackage {
+    std::string name;
+    std::vector<PackageSignatures::Cms> cmses;
+};
+
+// The name the package at path (open as fd) is recorded under: the NAME of
+// its RPM header, unless another is given and meant (--other-name). A name
+// that merely differs from the header's would let one package's signatures
+// stand for another's record. Nothing (reported) when there is none to use.
+std::optional<std::string> recordedName(DbOptions const& options, std::string const& path, int fd)
 {
+    std::optional<std::string> headerName = packageName(fd);
+    if (options.nameAndPackage.size() < 2) {
+        if (!headerName)
+            reportFailure(path, "no package name: it has no RPM header to take one from; give NAME");
+        return headerName;
+    }
+    std::string const& given = options.nameAndPackage.front();
+    if (headerName && *headerName != given && !options.otherName) {
+        reportFailure(path, "its header names the package " + *headerName + ", not " + given +
+                                " (give --other-name to record it under another name)");
+        return std::nullopt;
+    }
+    return given;
+}
+
+std::optional<VerifiedPackage> verifiedPackage(DbOptions const& options, Place const& place)
+{
+    std::string const& path = options.nameAndPackage.back();
     std::string ca = PackageSignatures::Configuration(place.confPath).caPath();
-    auto file = PackageSignatures::FileWithCmses::fromPath(package.c_str(), "r");
+    std::string refusal;
+    auto file = openPackageForReading(path, refusal);
     if (!file) {
-        reportFailure(package, "cannot open: " + systemReason());
+        reportFailure(path, refusal);
         return std::nullopt;
     }
+    std::optional<std::string> name = recordedName(options, path, file->fd());
+    if (!name)
+        return std::nullopt;
     if (!file->verifyCmses(ca.c_str())) {
-        reportFailure(package, "the signatures do not verify against " + ca);
+        std::string why = inputRefusal(ca) == notRegularFile ? std::string(" (") + notRegularFile + ")" : "";
+        reportFailure(path, "the signatures do not verify against " + ca + why);
         return std::nullopt;
     }
-    return file->cmses();
+    return VerifiedPackage{*name, file->cmses()};
 }
 
 // The decision on a package with the key ids it rests on.
@@ -276,30 +353,30 @@ std::string admissionLine(nlohmann::json const& result)
 
 int runCheck(DbOptions const& options, Place const& place, Database& db)
 {
-    auto cmses = verifiedSignatures(place, options.package);
-    if (!cmses)
+    auto package = verifiedPackage(options, place);
+    if (!package)
         return statusFailed;
-    nlohmann::json result = admission(db, options.name, *cmses);
+    nlohmann::json result = admission(db, package->name, package->cmses);
     printLine(options.json ? jsonText(result) : admissionLine(result));
     return result["code"] == PackageSignatures::Accepted ? statusOk : statusFailed;
 }
 
 int runInstall(DbOptions const& options, Place const& place, Database& db)
 {
-    auto cmses = verifiedSignatures(place, options.package);
-    if (!cmses)
+    auto package = verifiedPackage(options, place);
+    if (!package)
         return statusFailed;
-    nlohmann::json result = admission(db, options.name, *cmses);
+    nlohmann::json result = admission(db, package->name, package->cmses);
     printLine(admissionLine(result));
     if (result["code"] != PackageSignatures::Accepted) {
-        reportFailure(options.package, "not installed: " + result["decision"].get<std::string>());
+        reportFailure(options.nameAndPackage.back(), "not installed: " + result["decision"].get<std::string>());
         return statusFailed;
     }
-    if (!db.insertPackage(options.name, *cmses)) {
-        reportFailure(place.databasePath, "could not record " + options.name);
+    if (!db.insertPackage(package->name, package->cmses)) {
+        reportFailure(place.databasePath, "could not record " + package->name);
         return statusFailed;
     }
-    printLine(options.name + ": recorded");
+    printLine(package->name + ": recorded");
     return statusOk;
 }
 
@@ -433,8 +510,15 @@ void addDbCommands(CLI::App& app, int& status)
                                         install ? "Verify and check a package, and record it when accepted"
                                                 : "Verify a package and ask whether it may be installed",
                                         *options);
-        command->add_option("name", options->name, "Package name")->required();
-        command->add_option("package", options->package, "Signed package file")->required();
+        // [NAME] PACKAGE: one word is the package.
+        command->add_option("package", options->nameAndPackage,
+                            "[NAME] PACKAGE: the package name (default: the NAME of its RPM header) and the "
+                            "signed package file")
+            ->expected(1, 2)
+            ->required();
+        command->add_flag("--other-name", options->otherName,
+                          "Record the package under NAME although its header names it otherwise");
+
         if (install) {
             runOnDatabase(*command, options, status, false, runInstall);
         } else {

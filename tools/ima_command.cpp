@@ -2,13 +2,18 @@
 // developer signature onto the files the package installed under a root
 // directory, as the extended attribute the kernel (or evmctl) reads. A file
 // gets its value only when its content still matches the signed digest, so
-// that a changed file is never labelled as the developer's. Each file is
-// reached from the root without following links, and checked and labelled
-// through the same descriptor.
+// that a changed file is never labelled as the developer's, and only when
+// the package's signatures verify against the device's CA. Every regular
+// file of the package must get its value: one left without (its record
+// missing, its content changed) fails the command. Each file is reached from
+// the root without following links, measured before it is read, and checked
+// and labelled through the same descriptor.
+#include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <cerrno>
 #include <memory>
 #include <optional>
@@ -24,11 +29,13 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "input_file.hpp"
 #include "owned.hpp"
 #include "package_files.hpp"
 #include "rooted_file.hpp"
 #include "signed_attributes.hpp"
 #include "signature_records.hpp"
+#include "verification_text.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -36,20 +43,25 @@ namespace {
 struct ImaOptions {
     std::string package;
     std::string root;
+    std::string ca;    // empty: the configuration's root CA
+    std::string conf;  // empty: the default configuration file
     bool xattrUser = false;
     bool dryRun = false;
 };
 
-// The digest of what remains to be read from fd; nothing (errno set) when it
-// cannot be read.
-std::optional<std::vector<unsigned char>> fileDigest(int fd, EVP_MD const* md)
+// The digest of the first limit bytes read from fd (fewer when it ends
+// sooner); nothing (errno set) when it cannot be read. A file that grows
+// while it is read costs no more than its packaged size.
+std::optional<std::vector<unsigned char>> fileDigest(int fd, EVP_MD const* md, std::uint64_t limit)
 {
     MdCtxPtr context(EVP_MD_CTX_new());
     if (!context || EVP_DigestInit_ex(context.get(), md, nullptr) != 1)
         return std::nullopt;
     std::array<unsigned char, 65536> buffer;
-    for (;;) {
-        ssize_t got = read(fd, buffer.data(), buffer.size());
+    std::uint64_t left = limit;
+    while (left > 0) {
+        std::size_t piece = left < buffer.size() ? static_cast<std::size_t>(left) : buffer.size();
+        ssize_t got = read(fd, buffer.data(), piece);
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)
@@ -58,6 +70,7 @@ std::optional<std::vector<unsigned char>> fileDigest(int fd, EVP_MD const* md)
             break;
         if (EVP_DigestUpdate(context.get(), buffer.data(), static_cast<std::size_t>(got)) != 1)
             return std::nullopt;
+        left -= static_cast<std::uint64_t>(got);
     }
     std::vector<unsigned char> digest(EVP_MAX_MD_SIZE);
     unsigned int length = 0;
@@ -67,10 +80,21 @@ std::optional<std::vector<unsigned char>> fileDigest(int fd, EVP_MD const* md)
     return digest;
 }
 
+// Whether fd still has bytes to read: the file grew after it was measured.
+bool hasMore(int fd)
+{
+    unsigned char byte = 0;
+    ssize_t got;
+    do
+        got = read(fd, &byte, 1);
+    while (got < 0 && errno == EINTR);
+    return got > 0;
+}
+
 // Why the open file fd may not carry the record bytes, signed by key; empty
 // when it may: the record's signature must verify over the digest of the
 // content found there now.
-std::string refusalOf(int fd, std::vector<unsigned char> const& bytes, EVP_PKEY* key)
+std::string signatureRefusal(int fd, std::uint64_t size, std::vector<unsigned char> const& bytes, EVP_PKEY* key)
 {
     auto record = decodeImaRecord(bytes.data(), bytes.size());
     if (!record)
@@ -78,9 +102,11 @@ std::string refusalOf(int fd, std::vector<unsigned char> const& bytes, EVP_PKEY*
     EVP_MD const* md = record->hashNid == NID_undef ? nullptr : EVP_get_digestbynid(record->hashNid);
     if (!md)
         return "the record's hash algorithm " + record->hashAlgorithm + " is not supported";
-    auto digest = fileDigest(fd, md);
+    auto digest = fileDigest(fd, md, size);
     if (!digest)
         return "cannot read: " + systemReason();
+    if (hasMore(fd))
+        return "changed since it was signed";
     PkeyCtxPtr context(EVP_PKEY_CTX_new(key, nullptr));
     if (!context || EVP_PKEY_verify_init(context.get()) != 1 ||
         EVP_PKEY_CTX_set_signature_md(context.get(), md) != 1)
@@ -88,6 +114,25 @@ std::string refusalOf(int fd, std::vector<unsigned char> const& bytes, EVP_PKEY*
     if (EVP_PKEY_verify(context.get(), record->signature.data(), record->signature.size(), digest->data(),
                         digest->size()) != 1)
         return "changed since it was signed";
+    return {};
+}
+
+// Why the file open as fd is not the one the package installed, judged from
+// what fstat tells before a byte is read: its size must be the header's, so
+// that a huge or sparse file costs nothing, and it may have no hard link
+// beyond those the package makes, since the label would land on every name
+// of the inode, inside the root or out of it. Empty when it may be checked.
+std::string installationRefusal(int fd, PackageFile const& packaged)
+{
+    struct stat status {};
+    if (fstat(fd, &status) != 0)
+        return "cannot read: " + systemReason();
+    if (static_cast<std::uint64_t>(status.st_size) != packaged.size)
+        return "its size (" + countOf(static_cast<std::size_t>(status.st_size), "byte") +
+               ") is not the package's (" + countOf(static_cast<std::size_t>(packaged.size), "byte") + ")";
+    if (static_cast<std::uint64_t>(status.st_nlink) > packaged.links)
+        return "hard-linked from outside the package (" + std::to_string(status.st_nlink) +
+               " links, the package makes " + std::to_string(packaged.links) + ")";
     return {};
 }
 
@@ -104,12 +149,14 @@ struct Labelling {
 // reported) when it is refused. The file is checked and labelled through one
 // descriptor, reached from the root without following any link: what is
 // labelled is what was checked, and nothing outside the root.
-bool label(Labelling const& how, std::string const& root, std::string const& name,
+bool label(Labelling const& how, std::string const& root, PackageFile const& packaged,
            std::vector<unsigned char> const& record)
 {
-    std::string path = root + name;
-    RootedFile file = openUnderRoot(how.root, name);
-    std::string refusal = file.fd ? refusalOf(file.fd.get(), record, how.key) : file.refusal;
+    std::string path = root + packaged.name;
+    RootedFile file = openUnderRoot(how.root, packaged.name);
+    std::string refusal = file.fd ? installationRefusal(file.fd.get(), packaged) : file.refusal;
+    if (refusal.empty())
+        refusal = signatureRefusal(file.fd.get(), packaged.size, record, how.key);
     if (!refusal.empty()) {
         reportFailure(path, refusal);
         return false;
@@ -126,32 +173,73 @@ bool label(Labelling const& how, std::string const& root, std::string const& nam
     return true;
 }
 
-int runApply(ImaOptions const& options)
+// The CA the package's signatures must chain to: --ca, else the root CA
+// that the device's configuration names.
+std::string caOf(ImaOptions const& options)
 {
-    auto file = PackageSignatures::FileWithCmses::fromPath(options.package.c_str(), "r");
-    if (!file) {
-        reportFailure(options.package, "cannot open: " + systemReason());
-        return statusFailed;
+    if (!options.ca.empty())
+        return options.ca;
+    return options.conf.empty() ? PackageSignatures::Configuration().caPath()
+                                : PackageSignatures::Configuration(options.conf).caPath();
+}
+
+// The developer signature of the package open as file, once the whole stack
+// verifies against the CA; nothing (reported) otherwise. Records signed by a
+// certificate the device does not trust label nothing.
+std::optional<PackageSignatures::Cms> trustedDeveloperSignature(ImaOptions const& options,
+                                                                PackageSignatures::FileWithCmses& file)
+{
+    if (!options.conf.empty()) {
+        InputFile configuration = openInput(options.conf);
+        if (!configuration.fd) {
+            reportFailure(options.conf, "cannot read the configuration: " + configuration.reason);
+            return std::nullopt;
+        }
     }
-    auto developer = PackageSignatures::developerCmsFromVector(file->cmses());
+    std::string ca = caOf(options);
+    if (ca.empty()) {
+        reportFailure(options.package, "no CA to verify it against: give --ca, or root_ca_cert_path in the configuration");
+        return std::nullopt;
+    }
+    PackageSignatures::VerificationReport report = file.verificationReport(ca.c_str());
+    if (!report.verified) {
+        reportFailure(options.package, "the signatures do not verify against " + ca + ": " +
+                                           verificationRefusal(report, ca));
+        return std::nullopt;
+    }
+    auto developer = PackageSignatures::developerCmsFromVector(file.cmses());
     if (!developer) {
         reportFailure(options.package, "no developer signature");
-        return statusFailed;
+        return std::nullopt;
     }
     // Signed without per-file signatures, the package has nothing to apply;
     // saying so beats labelling no file and reporting success.
     if (!hasSignedAttribute(developer->parsed(), "packageFileSignatures")) {
         reportFailure(options.package, "the developer signature carries no per-file IMA signatures");
+        return std::nullopt;
+    }
+    return developer;
+}
+
+int runApply(ImaOptions const& options)
+{
+    std::string refusal;
+    auto file = openPackageForReading(options.package, refusal);
+    if (!file) {
+        reportFailure(options.package, refusal);
         return statusFailed;
     }
+    auto developer = trustedDeveloperSignature(options, *file);
+    if (!developer)
+        return statusFailed;
     auto certificate = developer->certificate();
     PkeyPtr key(certificate && certificate->get() ? X509_get_pubkey(certificate->get()) : nullptr);
     if (!key) {
         reportFailure(options.package, "the developer signature has no readable certificate");
         return statusFailed;
     }
-    std::vector<std::string> names = packageFileNames(options.package);
-    if (names.empty()) {
+    auto files = packageFiles(file->fd());
+    if (!files || files->empty()) {
         reportFailure(options.package, "not an RPM package, or one without files");
         return statusFailed;
     }
@@ -163,11 +251,23 @@ int runApply(ImaOptions const& options)
     Labelling how{root.get(), key.get(), options.xattrUser ? "user.ima" : "security.ima", options.dryRun};
     std::size_t written = 0;
     std::size_t refused = 0;
-    for (std::size_t index = 0; index < names.size(); ++index) {
-        std::vector<unsigned char> record = developer->fileSignature(static_cast<int>(index));
-        if (record.empty())
+    for (std::size_t index = 0; index < files->size(); ++index) {
+        PackageFile const& packaged = (*files)[index];
+        if (!S_ISREG(packaged.mode) || packaged.ghost)
             continue;
-        (label(how, options.root, names[index], record) ? written : refused)++;
+        std::vector<unsigned char> record = developer->fileSignature(static_cast<int>(index));
+        if (record.empty()) {
+            // A trusted application carries its own signed header instead.
+            // Any other regular file without its record would stay
+            // unreadable on a device that enforces appraisal: the payload
+            // was cut short or could not be read when it was signed.
+            if (isTrustedApplicationName(packaged.name))
+                continue;
+            reportFailure(options.root + packaged.name, "no signature in the package");
+            ++refused;
+            continue;
+        }
+        (label(how, options.root, packaged, record) ? written : refused)++;
     }
     printLine(countOf(written, "file") + (options.dryRun ? " to label, " : " labelled, ") +
               std::to_string(refused) + " refused");
@@ -184,6 +284,8 @@ void addImaCommands(CLI::App& app, int& status)
     CLI::App* apply = ima->add_subcommand("apply", "Write each file's IMA signature as its extended attribute");
     apply->add_option("package", options->package, "Signed package")->required();
     apply->add_option("--root", options->root, "Directory the package's files were installed under")->required();
+    apply->add_option("--ca", options->ca, "CA certificates (PEM) the signatures must chain to (default: the configuration's root CA)");
+    apply->add_option("--conf", options->conf, "Configuration file naming the root CA (default /etc/sealkeep/sealkeep.conf under $SEALKEEP_ROOTFS)");
     apply->add_flag("--xattr-user", options->xattrUser, "Write user.ima instead of security.ima");
     apply->add_flag("--dry-run", options->dryRun, "List what would be written, write nothing");
     apply->callback([options, &status] { status = runApply(*options); });

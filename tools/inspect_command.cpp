@@ -18,6 +18,7 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "input_file.hpp"
 #include "json_output.hpp"
 #include "owned.hpp"
 #include "package_files.hpp"
@@ -251,9 +252,10 @@ void printBlock(json const& block, bool withFiles)
 
 int runInspect(InspectOptions const& options)
 {
-    auto file = PackageSignatures::FileWithCmses::fromPath(options.package.c_str(), "r");
+    std::string refusal;
+    auto file = openPackageForReading(options.package, refusal);
     if (!file) {
-        reportFailure(options.package, "cannot open: " + systemReason());
+        reportFailure(options.package, refusal);
         return statusFailed;
     }
     json description = describePackage(options.package, *file, options.files);

@@ -54,6 +54,8 @@ public:
     UniqueFd& operator=(UniqueFd const&) = delete;
 
     int get() const { return fd_; }
+    // Gives the descriptor up to the caller, who closes it.
+    int release() { return std::exchange(fd_, -1); }
     explicit operator bool() const { return fd_ >= 0; }
 
 private:

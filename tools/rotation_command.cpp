@@ -1,6 +1,6 @@
 // sealkeep rotate / rotation show: proofs that a signer's new key succeeds
 // its old one, chained oldest first in a PEM file.
-#include <fstream>
+#include <cerrno>
 #include <memory>
 #include <string>
 
@@ -12,6 +12,7 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "input_file.hpp"
 #include "json_output.hpp"
 #include "owned.hpp"
 #include "pending_output.hpp"
@@ -53,9 +54,11 @@ ChainPtr readChainQuietly(std::string const& path)
 // when complete, so that a failure leaves an existing chain as it was.
 int runRotate(RotateOptions const& options)
 {
-    bool exists = static_cast<bool>(std::ifstream(options.chain));
-    if (options.append && !exists) {
-        reportFailure(options.chain, "cannot append to the chain: " + systemReason());
+    // Looked at without blocking: a FIFO in place of the chain is refused.
+    InputFile existing = openInput(options.chain);
+    bool exists = existing.fd || existing.error != ENOENT;
+    if (options.append && !existing.fd) {
+        reportFailure(options.chain, "cannot append to the chain: " + existing.reason);
         return statusFailed;
     }
     if (!options.append && exists) {
@@ -91,6 +94,11 @@ int runRotate(RotateOptions const& options)
 
 int runShow(ShowOptions const& options)
 {
+    std::string unreadable = inputRefusal(options.chain);
+    if (unreadable == notRegularFile) {
+        reportFailure(options.chain, unreadable);
+        return statusFailed;
+    }
     ChainPtr chain(ProofOfRotationChain_read(options.chain.c_str()));
     if (!chain) {
         reportFailure(options.chain, "cannot read the rotation chain");

@@ -10,7 +10,9 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "input_file.hpp"
 #include "json_output.hpp"
+#include "verification_text.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -25,36 +27,6 @@ using PackageSignatures::BlockVerification;
 using PackageSignatures::VerificationReason;
 using PackageSignatures::VerificationReport;
 
-// What a person reads for each reason; the JSON carries the reason's name.
-std::string explain(VerificationReason reason, std::string const& ca)
-{
-    switch (reason) {
-    case VerificationReason::Ok:
-        return "verified";
-    case VerificationReason::UnreadableCa:
-        return "no CA certificates could be read from " + ca;
-    case VerificationReason::NoSignatures:
-        return "no signatures";
-    case VerificationReason::TooManySignatures:
-        return "too many signatures (at most 3)";
-    case VerificationReason::GroupNotAllowed:
-        return "the signer's group may not sign at this position";
-    case VerificationReason::ContentDigestMismatch:
-        return "the covered bytes do not match the signature (content digest)";
-    case VerificationReason::CertificateChainNotTrusted:
-        return "the signer's certificate does not chain to the CA";
-    case VerificationReason::RotationChainInvalid:
-        return "the rotation chain does not verify";
-    case VerificationReason::RotationChainNotAtSigner:
-        return "the rotation chain does not end at the signer's key";
-    case VerificationReason::CmsMalformed:
-        return "the CMS is malformed (undecodable, not exactly one signer, or unknown block version)";
-    case VerificationReason::SignatureInvalid:
-        return "the signature value does not verify with the signer's key";
-    }
-    return PackageSignatures::reasonName(reason);
-}
-
 // Blocks are numbered from 1, oldest first, as inspect numbers them.
 nlohmann::json blockJson(BlockVerification const& block)
 {
@@ -65,25 +37,14 @@ nlohmann::json blockJson(BlockVerification const& block)
             {"reason", PackageSignatures::reasonName(block.reason)}};
 }
 
-// "block 1 of 3 (developer, covers bytes [0, 4096)): the rotation chain ..."
-std::string refusal(VerificationReport const& report, std::string const& ca)
-{
-    if (report.blocks.empty())
-        return explain(report.reason, ca);
-    BlockVerification const& block = report.blocks.back();
-    std::string group = PackageSignatures::groupToString(block.group);
-    return "block " + std::to_string(block.index + 1) + " of " + std::to_string(report.signatures) + " (" +
-           (group.empty() ? "" : group + ", ") + "covers bytes [" + std::to_string(block.coveredBegin) + ", " +
-           std::to_string(block.coveredEnd) + ")): " + explain(block.reason, ca);
-}
-
 // The verdict on one package, with the blocks checked, newest first.
 nlohmann::json verifyPackage(std::string const& path, std::string const& ca)
 {
     nlohmann::json result = {{"path", path}, {"verified", false}, {"blocks", nlohmann::json::array()}};
-    auto file = PackageSignatures::FileWithCmses::fromPath(path.c_str(), "r");
+    std::string refusal;
+    auto file = openPackageForReading(path, refusal);
     if (!file) {
-        result["error"] = "cannot open: " + systemReason();
+        result["error"] = refusal;
         return result;
     }
     VerificationReport report = file->verificationReport(ca.c_str());
@@ -93,7 +54,7 @@ nlohmann::json verifyPackage(std::string const& path, std::string const& ca)
     for (BlockVerification const& block : report.blocks)
         result["blocks"].push_back(blockJson(block));
     if (!report.verified)
-        result["error"] = refusal(report, ca);
+        result["error"] = verificationRefusal(report, ca);
     return result;
 }
 

@@ -8,6 +8,9 @@
 //  - assign()/assignRaw() replace the bytes and empty the file-signature table
 //    and nothing else: the certificate, rotation chain, trusted-application
 //    table and parsed CMS keep describing the former bytes.
+// The library's own decisions (the selectors below, Database::checkPackage
+// and the records of Database::insertPackage) always judge the bytes the
+// object holds when they are called, and never fill these caches.
 // Const members fill caches, so one object must not be used by two threads at
 // once. certificate() and rotationChain() hand out shared ownership.
 #ifndef SEALKEEP_CMS_HPP
@@ -56,6 +59,9 @@ public:
 
 private:
     struct Record;
+    // The library's own decisions read the answers for the bytes held now,
+    // whatever the public caches keep.
+    friend struct CmsAccess;
     std::unique_ptr<Record> record_;
 };
 

@@ -141,10 +141,17 @@ public:
     // getKeyidRevocationStatus of a key id that is not revoked.
     static constexpr int NotRevoked = -1;
 
+    // Whether opening may create a missing file. ExistingOnly never creates
+    // one, not even when the file disappears while it is being opened: for
+    // callers that only ask questions.
+    enum OpenMode : int { CreateIfMissing = 0, ExistingOnly = 1 };
+
     // Opens or creates the database at dbPath and brings it to version 4,
-    // with the configuration file of the default Configuration.
+    // with the configuration file of the default Configuration. A path that
+    // names something other than a regular file is not opened.
     explicit Database(std::string_view dbPath);
     Database(std::string_view dbPath, std::string_view confPath);
+    Database(std::string_view dbPath, std::string_view confPath, OpenMode mode);
     ~Database();
     Database(Database const&) = delete;
     Database& operator=(Database const&) = delete;

@@ -15,6 +15,15 @@ bool rotationCountExceedsLimit(int count)
     return true;
 }
 
+bool chainSizeExceedsLimit(long long bytes)
+{
+    if (bytes <= maxChainBytes)
+        return false;
+    fprintf(stderr, "Proof-of-rotation chain of %lld bytes, more than the limit of %ld bytes\n", bytes,
+            maxChainBytes);
+    return true;
+}
+
 int sequenceElementCount(const unsigned char* der, long len)
 {
     const unsigned char* cursor = der;

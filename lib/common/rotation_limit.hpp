@@ -14,6 +14,16 @@ constexpr int maxRotations = 64;
 // %d\n", when count exceeds maxRotations.
 bool rotationCountExceedsLimit(int count);
 
+// The most bytes a chain may take: its DER in a signature, its PEM text in a
+// file. A proof holds two certificates and two signatures, a few KiB at most
+// (about 2 KiB with GOST keys), so 64 of them fit many times over; the bound
+// keeps a hostile chain from costing more than an honest one to read.
+constexpr long maxChainBytes = 1L << 20;
+
+// True, after "Proof-of-rotation chain of %lld bytes, more than the limit of
+// %ld bytes\n", when bytes exceeds maxChainBytes.
+bool chainSizeExceedsLimit(long long bytes);
+
 // The number of elements of the DER SEQUENCE at der, counted without decoding
 // them; -1 when der is not a SEQUENCE of whole elements.
 int sequenceElementCount(const unsigned char* der, long len);

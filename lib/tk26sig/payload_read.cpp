@@ -7,10 +7,14 @@
 #include <rpm/rpmfi.h>
 #include <rpm/rpmarchive.h>  // after rpmfi.h, whose types it uses
 
-
 namespace sealkeep {
 
 bool digestArchiveContent(rpmfi fi, EVP_MD_CTX* ctx, std::size_t size)
+{
+    return digestArchiveContent(fi, std::vector<EVP_MD_CTX*>{ctx}, size);
+}
+
+bool digestArchiveContent(rpmfi fi, std::vector<EVP_MD_CTX*> const& ctxs, std::size_t size)
 {
     unsigned char piece[payloadPieceSize];
     while (size > 0) {
@@ -20,8 +24,9 @@ bool digestArchiveContent(rpmfi fi, EVP_MD_CTX* ctx, std::size_t size)
             fprintf(stderr, "Could not read file from rpm payload\n");
             return false;
         }
-        if (!EVP_DigestUpdate(ctx, piece, wanted))
-            return false;
+        for (EVP_MD_CTX* ctx : ctxs)
+            if (!EVP_DigestUpdate(ctx, piece, wanted))
+                return false;
         size -= wanted;
     }
     return true;

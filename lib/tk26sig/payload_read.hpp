@@ -4,6 +4,7 @@
 #define SEALKEEP_TK26SIG_PAYLOAD_READ_HPP
 
 #include <cstddef>
+#include <vector>
 
 #include <openssl/evp.h>
 #include <rpm/rpmtypes.h>
@@ -17,6 +18,9 @@ constexpr std::size_t payloadPieceSize = 4096;
 // them to ctx. False after "Could not read file from rpm payload\n" when the
 // archive gives fewer bytes than asked; false silently when the digest fails.
 bool digestArchiveContent(rpmfi fi, EVP_MD_CTX* ctx, std::size_t size);
+// The same, each piece fed to every one of ctxs: one pass over the content
+// for several digests.
+bool digestArchiveContent(rpmfi fi, std::vector<EVP_MD_CTX*> const& ctxs, std::size_t size);
 
 }  // namespace sealkeep
 

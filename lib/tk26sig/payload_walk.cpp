@@ -2,9 +2,12 @@
 // and delivers the payload's files in archive order, hard-link sets with the
 // member that carries the content first. Regular files get an IMA signature
 // record (the format of the security.ima extended attribute, digital
-// signature version 2); trusted applications get an OP-TEE signed header.
+// signature version 2); trusted applications get an OP-TEE signed header. A
+// hard-link set gets one value per kind of name: every TA name its own
+// header, every other name the IMA record of the shared content.
 #include "tk26sig/payload_walk.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -27,6 +30,7 @@
 
 #include "common/rpm_ptr.hpp"
 #include "tk26sig/payload_read.hpp"
+#include "tk26sig/trusted_application.hpp"
 
 namespace sealkeep {
 namespace {
@@ -116,7 +120,9 @@ std::size_t signDigest(Signer const& signer, const unsigned char* digest, unsign
     return length;
 }
 
-std::optional<Value> imaRecord(rpmfi fi, Signer const& signer)
+// The record's first bytes, before the file is read; nothing after the
+// message when the digest has no IMA number.
+std::optional<Value> imaRecordHead(Signer const& signer)
 {
     Value record(imaRecordArea, 0);
     record[0] = imaDigitalSignature;
@@ -127,11 +133,14 @@ std::optional<Value> imaRecord(rpmfi fi, Signer const& signer)
         return std::nullopt;
     }
     std::memcpy(&record[3], signer.keyid.data(), keyidSize);
+    return record;
+}
 
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int digestLength = 0;
-    if (!digestFile(fi, signer.md, digest, &digestLength))
-        return std::nullopt;
+// The record begun by imaRecordHead, completed with the signature of the
+// file's digest.
+std::optional<Value> finishImaRecord(Value record, Signer const& signer, const unsigned char* digest,
+                                     unsigned int digestLength)
+{
     std::size_t signatureLength = signDigest(signer, digest, digestLength, &record[imaHeaderSize]);
     if (signatureLength == 0)
         return std::nullopt;
@@ -139,6 +148,18 @@ std::optional<Value> imaRecord(rpmfi fi, Signer const& signer)
     record[8] = static_cast<unsigned char>(signatureLength);
     record.resize(imaHeaderSize + signatureLength);
     return record;
+}
+
+std::optional<Value> imaRecord(rpmfi fi, Signer const& signer)
+{
+    std::optional<Value> record = imaRecordHead(signer);
+    if (!record)
+        return std::nullopt;
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int digestLength = 0;
+    if (!digestFile(fi, signer.md, digest, &digestLength))
+        return std::nullopt;
+    return finishImaRecord(std::move(*record), signer, digest, digestLength);
 }
 
 std::optional<Value> taHeader(rpmfi fi, Signer const& signer)
@@ -179,17 +200,102 @@ bool appendWithHardLinks(FileSignatures* table, rpmfi fi, Value const& value)
     return true;
 }
 
-// Signs the current file into the table it belongs to; false after
-// "Could not sign file from rpm: %s\n".
-bool signCurrentFile(rpmfi fi, Signer const& signer, PayloadSignatures& out)
+// The names of the current file's hard-link set, by file index, the current
+// one first; only the current one when it is not hard-linked.
+std::vector<int> linkSet(rpmfi fi)
 {
-    const bool ta = is_fi_ta(fi) == 1;
-    std::optional<Value> value = ta ? taHeader(fi, signer) : imaRecord(fi, signer);
-    if (!value || !appendWithHardLinks(ta ? out.ta.get() : out.ima.get(), fi, *value)) {
-        fprintf(stderr, "Could not sign file from rpm: %s\n", rpmfiFN(fi));
+    std::vector<int> set{rpmfiFX(fi)};
+    const int* members = nullptr;
+    uint32_t count = rpmfiFLinks(fi, &members);
+    for (uint32_t i = 0; members && i < count; ++i)
+        if (members[i] != set.front())
+            set.push_back(members[i]);
+    return set;
+}
+
+bool isTrustedApplicationAt(rpmfiles files, int index)
+{
+    MallocPtr name(rpmfilesFN(files, index));
+    return isTrustedApplication(rpmfilesODN(files, rpmfilesODI(files, index)), name.get());
+}
+
+// A hard-link set with a trusted application among its names: one content,
+// read once, for a header per TA name (each made for the UUID its own name
+// gives, as OP-TEE checks it) and one IMA record for all the other names.
+bool signSetWithTrustedApplications(rpmfi fi, rpmfiles files, std::vector<int> const& set, Signer const& signer,
+                                    PayloadSignatures& out)
+{
+    std::vector<int> imaNames, taNames;
+    for (int index : set)
+        (isTrustedApplicationAt(files, index) ? taNames : imaNames).push_back(index);
+    if (!signer.taKey) {
+        fprintf(stderr, "TA key is absent yet there are TAs in RPM!\n");
         return false;
     }
+    const auto size = static_cast<std::size_t>(rpmfiFSize(fi));
+    std::vector<EVP_MD_CTX*> hashes;
+    std::optional<Value> record;
+    MdCtxPtr imaHash;
+    if (!imaNames.empty()) {
+        record = imaRecordHead(signer);
+        imaHash.reset(EVP_MD_CTX_new());
+        if (!record || !imaHash || !EVP_DigestInit(imaHash.get(), signer.md))
+            return false;
+        hashes.push_back(imaHash.get());
+    }
+    std::vector<std::unique_ptr<TaHeaderMaking>> headers;
+    for (int index : taNames) {
+        MallocPtr name(rpmfilesFN(files, index));
+        headers.push_back(TaHeaderMaking::start(name ? name.get() : "", static_cast<uint32_t>(size), signer.taKey,
+                                                signer.taAlgo));
+        if (!headers.back())
+            return false;
+        hashes.push_back(headers.back()->hash());
+    }
+    if (!digestArchiveContent(fi, hashes, size))
+        return false;
+    if (imaHash) {
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        unsigned int digestLength = 0;
+        if (!EVP_DigestFinal_ex(imaHash.get(), digest, &digestLength))
+            return false;
+        record = finishImaRecord(std::move(*record), signer, digest, digestLength);
+        if (!record)
+            return false;
+        for (int index : imaNames)
+            if (!append(out.ima.get(), index, *record))
+                return false;
+    }
+    for (std::size_t i = 0; i < headers.size(); ++i) {
+        GArrayPtr text(headers[i]->finish());
+        if (!text)
+            return false;
+        const auto* bytes = reinterpret_cast<const unsigned char*>(text->data);
+        if (!append(out.ta.get(), taNames[i], Value(bytes, bytes + text->len)))
+            return false;
+    }
     return true;
+}
+
+// Signs the current file into the table it belongs to, and the further names
+// of its hard-link set; false after "Could not sign file from rpm: %s\n".
+// A value is made for a name, never copied to a name of another kind: a
+// trusted application's header is bound to the UUID of its name.
+bool signCurrentFile(rpmfi fi, rpmfiles files, Signer const& signer, PayloadSignatures& out)
+{
+    const std::vector<int> set = linkSet(fi);
+    bool signedWell = false;
+    if (set.size() > 1 && std::any_of(set.begin(), set.end(),
+                                      [&](int index) { return isTrustedApplicationAt(files, index); })) {
+        signedWell = signSetWithTrustedApplications(fi, files, set, signer, out);
+    } else {
+        const bool ta = is_fi_ta(fi) == 1;
+        std::optional<Value> value = ta ? taHeader(fi, signer) : imaRecord(fi, signer);
+        signedWell = value && appendWithHardLinks(ta ? out.ta.get() : out.ima.get(), fi, *value);
+    }
+    if (!signedWell)
+        fprintf(stderr, "Could not sign file from rpm: %s\n", rpmfiFN(fi));
+    return signedWell;
 }
 
 FileSignatures* newTable()
@@ -311,7 +417,7 @@ std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const E
             return std::nullopt;
         if ((rpmfiFMode(fi.get()) & fileTypeBits) != regularFileType || !rpmfiArchiveHasContent(fi.get()))
             continue;
-        if (!signCurrentFile(fi.get(), signer, out))
+        if (!signCurrentFile(fi.get(), files.get(), signer, out))
             return std::nullopt;
     }
     reportEarlyEnd(next);

@@ -1,7 +1,13 @@
 // Proofs of key rotation: a statement naming an old and a new certificate,
 // signed by both keys, and chains of them linked by subject key identifier,
 // oldest first. Also the tool that appends one rotation to a chain file.
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <vector>
+
+#include <openssl/pem.h>
 
 #include <openssl/x509v3.h>
 
@@ -103,6 +109,26 @@ int verifyLink(const ProofOfRotation* proof, int i, Asn1OctetStringPtr& previous
     }
     previousNewId = std::move(newId);
     return 1;
+}
+
+// The chain of the first "PROOF OF ROTATION CHAIN" block of the PEM text;
+// null when there is none, or when it holds more proofs than the limit
+// (reported).
+ProofOfRotationChain* decodeChainPem(std::vector<char> const& pem)
+{
+    BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    char* name = nullptr;
+    unsigned char* der = nullptr;
+    long length = 0;
+    if (!bio || PEM_bytes_read_bio(&der, &length, &name, "PROOF OF ROTATION CHAIN", bio.get(), nullptr,
+                                   nullptr) != 1)
+        return nullptr;
+    OpensslBytesPtr ownedDer(der);
+    OPENSSL_free(name);
+    if (rotationCountExceedsLimit(sequenceElementCount(der, length)))
+        return nullptr;
+    const unsigned char* cursor = der;
+    return d2i_ProofOfRotationChain(nullptr, &cursor, length);
 }
 
 // The chain in inChainPath, or a new empty one when no path is given.
@@ -223,16 +249,24 @@ X509* ProofOfRotation_get0_new_cert(const ProofOfRotation* proof)
 
 ProofOfRotationChain* ProofOfRotationChain_read(const char* path)
 {
-    FilePtr file = openFile(path, "rb");
-    if (!file) {
-        fprintf(stderr, "Could not open proof-of-rotation: %m\n");
+    // The file is read whole, and only when it is small enough; its DER is
+    // then counted before any proof is decoded: reading a chain file costs
+    // no more than verifying the same chain in a signature.
+    std::vector<char> pem;
+    if (!readRegularFile(path, static_cast<std::size_t>(maxChainBytes), pem)) {
+        if (errno == EFBIG) {
+            struct stat status {};
+            long long size = stat(path, &status) == 0 ? status.st_size : maxChainBytes + 1;
+            chainSizeExceedsLimit(size > maxChainBytes ? size : maxChainBytes + 1);
+        } else {
+            fprintf(stderr, "Could not open proof-of-rotation: %m\n");
+        }
         return nullptr;
     }
-    ProofOfRotationChain* chain =
-        PEM_read_ProofOfRotationChain(file.get(), nullptr, nullptr, nullptr);
+    ChainPtr chain(decodeChainPem(pem));
     if (!chain)
         fprintf(stderr, "Could not read proof-of-rotation chain\n");
-    return chain;
+    return chain.release();
 }
 
 int ProofOfRotationChain_verify(ProofOfRotationChain* chain)

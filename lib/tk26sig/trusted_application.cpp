@@ -18,6 +18,7 @@
 #include "common/no_throw.hpp"
 #include "common/ossl_ptr.hpp"
 #include "tk26sig/payload_read.hpp"
+#include "tk26sig/trusted_application.hpp"
 
 namespace sealkeep {
 namespace {
@@ -113,21 +114,6 @@ bool uuidFromFileName(std::string const& path, unsigned char* uuid)
     return false;
 }
 
-// SHA-256 over the fixed header fields, the UUID record and the TA image as
-// it is read from the archive.
-bool hashTa(const EVP_MD* md, const unsigned char* fixedFields, const unsigned char* uuidRecord, rpmfi fi,
-            std::size_t imageSize, unsigned char* out)
-{
-    MdCtxPtr ctx(EVP_MD_CTX_new());
-    if (!ctx || !EVP_DigestInit_ex(ctx.get(), md, nullptr) ||
-        !EVP_DigestUpdate(ctx.get(), fixedFields, fixedFieldsSize) ||
-        !EVP_DigestUpdate(ctx.get(), uuidRecord, uuidRecordSize))
-        return false;
-    if (!digestArchiveContent(fi, ctx.get(), imageSize))
-        return false;
-    return EVP_DigestFinal_ex(ctx.get(), out, nullptr) == 1;
-}
-
 GArray* toHexText(std::vector<unsigned char> const& bytes)
 {
     static constexpr char digits[] = "0123456789abcdef";
@@ -140,40 +126,31 @@ GArray* toHexText(std::vector<unsigned char> const& bytes)
 }
 
 }  // namespace
-}  // namespace sealkeep
 
-using namespace sealkeep;
-
-extern "C" int is_fi_ta(rpmfi fi)
+bool isTrustedApplication(const char* dir, const char* fullName)
 {
-    const char* dir = rpmfiODN(fi);
-    const char* name = rpmfiFN(fi);
-    if (!dir || !name)
-        return 0;
-    return std::strcmp(dir, taDirectory) == 0 && endsWith(name, taSuffix) ? 1 : 0;
+    return dir && fullName && std::strcmp(dir, taDirectory) == 0 && endsWith(fullName, taSuffix);
 }
 
-namespace sealkeep {
-namespace {
-
-GArray* makeTaHeader(rpmfi fi, EVP_PKEY* taKey, unsigned int taAlgo)
+std::unique_ptr<TaHeaderMaking> TaHeaderMaking::start(std::string const& name, uint32_t imageSize, EVP_PKEY* taKey,
+                                                      unsigned int taAlgo)
 {
-    const auto imageSize = static_cast<uint32_t>(rpmfiFSize(fi));
     const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(NID_sha256));
-    const std::string name = rpmfiFN(fi) ? rpmfiFN(fi) : "";
-
-    PkeyCtxPtr ctx(md ? newTaSigningContext(taKey, taAlgo) : nullptr);
+    std::unique_ptr<TaHeaderMaking> making(new TaHeaderMaking());
+    making->signing_.reset(md ? newTaSigningContext(taKey, taAlgo) : nullptr);
     if (!md)
         fprintf(stderr, "Failed to initialize ctx\n");
-    if (!ctx)
+    if (!making->signing_)
         return nullptr;
     std::size_t signatureSize = 0;
-    if (EVP_PKEY_sign(ctx.get(), nullptr, &signatureSize, nullptr, 0) < 1 || signatureSize == 0) {
+    if (EVP_PKEY_sign(making->signing_.get(), nullptr, &signatureSize, nullptr, 0) < 1 || signatureSize == 0) {
         fprintf(stderr, "Failed to get sig len\n");
         return nullptr;
     }
+    making->signatureSize_ = signatureSize;
 
-    std::vector<unsigned char> header(signatureOffset + signatureSize + uuidRecordSize, 0);
+    std::vector<unsigned char>& header = making->header_;
+    header.assign(signatureOffset + signatureSize + uuidRecordSize, 0);
     putLittleEndian(&header[0], shdrMagic, 4);
     putLittleEndian(&header[4], bootstrapImage, 4);
     putLittleEndian(&header[8], imageSize, 4);
@@ -188,16 +165,56 @@ GArray* makeTaHeader(rpmfi fi, EVP_PKEY* taKey, unsigned int taAlgo)
     }
     // ta_version stays 0 from the zero fill.
 
-    if (!hashTa(md, header.data(), uuidRecord, fi, imageSize, &header[hashOffset])) {
+    // The hash covers the fixed header fields, the UUID record, then the
+    // image.
+    making->hash_.reset(EVP_MD_CTX_new());
+    EVP_MD_CTX* hash = making->hash();
+    if (!hash || !EVP_DigestInit_ex(hash, md, nullptr) || !EVP_DigestUpdate(hash, header.data(), fixedFieldsSize) ||
+        !EVP_DigestUpdate(hash, uuidRecord, uuidRecordSize)) {
         fprintf(stderr, "Failed to get the digest of TA.\n");
         return nullptr;
     }
-    std::size_t written = signatureSize;
-    if (EVP_PKEY_sign(ctx.get(), &header[signatureOffset], &written, &header[hashOffset], hashSize) < 1) {
+    return making;
+}
+
+GArray* TaHeaderMaking::finish()
+{
+    if (EVP_DigestFinal_ex(hash_.get(), &header_[hashOffset], nullptr) != 1) {
+        fprintf(stderr, "Failed to get the digest of TA.\n");
+        return nullptr;
+    }
+    std::size_t written = signatureSize_;
+    if (EVP_PKEY_sign(signing_.get(), &header_[signatureOffset], &written, &header_[hashOffset], hashSize) < 1) {
         fprintf(stderr, "Failed to sign\n");
         return nullptr;
     }
-    return toHexText(header);
+    return toHexText(header_);
+}
+
+}  // namespace sealkeep
+
+using namespace sealkeep;
+
+extern "C" int is_fi_ta(rpmfi fi)
+{
+    return isTrustedApplication(rpmfiODN(fi), rpmfiFN(fi)) ? 1 : 0;
+}
+
+namespace sealkeep {
+namespace {
+
+GArray* makeTaHeader(rpmfi fi, EVP_PKEY* taKey, unsigned int taAlgo)
+{
+    const auto imageSize = static_cast<uint32_t>(rpmfiFSize(fi));
+    const std::string name = rpmfiFN(fi) ? rpmfiFN(fi) : "";
+    std::unique_ptr<TaHeaderMaking> making = TaHeaderMaking::start(name, imageSize, taKey, taAlgo);
+    if (!making)
+        return nullptr;
+    if (!digestArchiveContent(fi, making->hash(), imageSize)) {
+        fprintf(stderr, "Failed to get the digest of TA.\n");
+        return nullptr;
+    }
+    return making->finish();
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "../../lib/common/rpm_ptr.hpp"
 
 #include "support/process.hpp"
+#include "support/rpm_surgery.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace sealkeep::test {
@@ -129,6 +130,28 @@ void unpackPayload(std::string const& rpmPath, std::string const& dir)
     auto result = runShell("mkdir -p '" + dir + "' && cd '" + dir + "' && rpm2cpio '" + rpmPath +
                            "' | cpio -idm --quiet");
     require(result.exitCode == 0, "unpacking failed: " + result.errors);
+}
+
+Bytes archiveOf(std::string const& rpm, std::string const& names)
+{
+    static int count = 0;
+    std::string root = rpm + ".unpacked-" + std::to_string(count);
+    std::string archive = rpm + ".archive-" + std::to_string(count++);
+    unpackPayload(rpm, root);
+    auto made = runShell("cd '" + root + "' && printf '" + names + "' | cpio -o -H newc --quiet > '" + archive + "'");
+    require(made.exitCode == 0, "cpio failed: " + made.errors);
+    return readFile(archive);
+}
+
+Bytes withPayload(std::string const& rpm, Bytes const& archive)
+{
+    std::string path = rpm + ".payload";
+    writeFile(path, archive);
+    auto compressed = runCommand({"gzip", "-n", "-f", path});
+    require(compressed.exitCode == 0, "gzip failed: " + compressed.errors);
+    RpmParts parts = splitRpm(readFile(rpm));
+    parts.payload = readFile(path + ".gz");
+    return joinRpm(parts);
 }
 
 std::string hexOf(Bytes const& bytes)

@@ -56,6 +56,14 @@ void forEachPayloadFile(std::string const& path, std::function<void(rpmfi)> cons
 // Unpacks the payload with rpm2cpio | cpio under dir.
 void unpackPayload(std::string const& rpmPath, std::string const& dir);
 
+// The newc archive of names (one per line, "./usr/..."), taken from the
+// unpacked payload of the package at rpm.
+Bytes archiveOf(std::string const& rpm, std::string const& names);
+// The package at rpm with archive, compressed with gzip, as its payload: a
+// package whose header names another compressor gets a payload that does
+// not match it.
+Bytes withPayload(std::string const& rpm, Bytes const& archive);
+
 // "%.2x" of every byte and back.
 std::string hexOf(Bytes const& bytes);
 Bytes bytesOfHex(std::string const& text);

@@ -32,6 +32,11 @@ PayloadEntry hardLink(std::string path, std::string existingPath)
     return {PayloadEntry::Kind::HardLink, std::move(path), std::move(existingPath)};
 }
 
+PayloadEntry ghostFile(std::string path)
+{
+    return {PayloadEntry::Kind::Ghost, std::move(path), ""};
+}
+
 namespace {
 
 std::string payloadMacro(std::string const& compressor, int level)
@@ -64,6 +69,7 @@ void stageEntries(std::string const& stage, std::vector<PayloadEntry> const& ent
         makeParents(target);
         switch (entry.kind) {
         case PayloadEntry::Kind::Regular:
+        case PayloadEntry::Kind::Ghost:
             writeText(target, entry.content);
             break;
         case PayloadEntry::Kind::Directory:
@@ -89,7 +95,10 @@ std::string rpmBuildFile(std::string const& name, std::string const& stage, std:
                        "%install\nmkdir -p %{buildroot}\ncp -a " +
                        stage + "/. %{buildroot}/\n%files\n";
     for (auto const& entry : entries)
-        text += (entry.kind == PayloadEntry::Kind::Directory ? "%dir " : "") + entry.path + "\n";
+        text += (entry.kind == PayloadEntry::Kind::Directory ? "%dir "
+                 : entry.kind == PayloadEntry::Kind::Ghost ? "%ghost "
+                                                           : "") +
+                entry.path + "\n";
     return text;
 }
 

@@ -19,13 +19,18 @@ namespace {
 
 CommandResult runIn(std::string const& dir, std::string const& prefix, std::vector<std::string> const& args)
 {
-    std::string line = "cd " + shellQuoted(dir) + " && " + prefix + shellQuoted(SEALKEEP_CLI);
-    for (auto const& arg : args)
-        line += " " + shellQuoted(arg);
-    return runShell(line);
+    return runShell("cd " + shellQuoted(dir) + " && " + prefix + sealkeepCommandLine(args));
 }
 
 }  // namespace
+
+std::string sealkeepCommandLine(std::vector<std::string> const& args)
+{
+    std::string line = shellQuoted(SEALKEEP_CLI);
+    for (auto const& arg : args)
+        line += " " + shellQuoted(arg);
+    return line;
+}
 
 CommandResult runSealkeep(std::string const& dir, std::vector<std::string> const& args)
 {

@@ -19,6 +19,9 @@ CommandResult runSealkeepWithin(int seconds, std::string const& dir, std::vector
 // The same, allowed to write files up to bytes long only (SIGXFSZ ignored, so
 // a write beyond fails with EFBIG, as on a full disk).
 CommandResult runSealkeepWithFileSizeLimit(long bytes, std::string const& dir, std::vector<std::string> const& args);
+// The shell command line that runs `sealkeep args...`, for scripts that run
+// several at once.
+std::string sealkeepCommandLine(std::vector<std::string> const& args);
 // The text as one shell word.
 std::string shellQuoted(std::string const& text);
 
