@@ -12,6 +12,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   zstd cpio ima-evm-utils attr
   libcli11-dev nlohmann-json3-dev help2man
+  softhsm2 libengine-pkcs11-openssl opensc
 )
 
 SUDO=""
