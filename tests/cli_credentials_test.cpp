@@ -298,6 +298,31 @@ TEST_F(CliCredentials, ARotationChainEndingElsewhereIsRefused)
     EXPECT_EQ(atSigner.exitCode, 0) << atSigner.errors;
 }
 
+TEST_F(CliCredentials, ARotationChainThatDoesNotVerifyIsRefused)
+{
+    // A proof whose old signature is made with a key that is not the old
+    // certificate's.
+    Identity next = pki->issue("forged-successor", "developer");
+    X509Ptr oldCert = loadCertificate(pki->developer().certPath);
+    X509Ptr newCert = loadCertificate(next.certPath);
+    PkeyPtr wrongKey = loadKey(pki->seclab().keyPath);
+    PkeyPtr newKey = loadKey(next.keyPath);
+    ProofOfRotationChain* chain = sk_ProofOfRotation_new_null();
+    ASSERT_TRUE(chain);
+    sk_ProofOfRotation_push(chain, ProofOfRotation_create(oldCert.get(), wrongKey.get(), newCert.get(), newKey.get()));
+    FILE* out = fopen(work.file("forged.pem").c_str(), "w");
+    ASSERT_TRUE(out);
+    EXPECT_EQ(PEM_write_ProofOfRotationChain(out, chain), 1);
+    fclose(out);
+    ProofOfRotationChain_free(chain);
+
+    std::string package = freshPackage();
+    expectRefused({"sign", package, "--cert", next.certPath, "--key", next.keyPath, "--rotation-chain", "forged.pem"},
+                  package, 1,
+                  "Could not verify old signature in proof-of-rotation\nCould not verify proof[0]\n"
+                  "sealkeep: --rotation-chain forged.pem: the rotation chain does not verify\n");
+}
+
 TEST_F(CliCredentials, AKeyTheKernelCannotVerifyIsRefusedForFileSignatures)
 {
     struct Case {

@@ -183,6 +183,24 @@ TEST_F(CliToken, SignsWithBothKeysInTheTokenWithThePinFromEverySource)
     }
 }
 
+TEST_F(CliToken, ThreeJobsLoadTheTokenKeysWithOnePinReading)
+{
+    std::string cert = developerCertificate();
+    writeText(work.file("pins.txt"), std::string(pin) + "\n" + pin + "\n");
+    std::vector<std::string> args = {"sign",     packageWithTa("a.rpm"), packageWithTa("b.rpm"),
+                                     packageWithTa("c.rpm"), "--jobs", "3", "--cert", cert, "--key", developerUri,
+                                     "--pass", "stdin", "--ta-key", taUri, "--ta-pass", "stdin",
+                                     "--ta-algorithm", "pkcs1"};
+    auto engine = engineOptions();
+    args.insert(args.end(), engine.begin(), engine.end());
+    auto result = runSealkeepDetached(work.path(), {}, args, "< pins.txt");
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    for (auto const& name : {"a.rpm", "b.rpm", "c.rpm"}) {
+        auto verified = run({"verify", work.file(name), "--ca", pki->ca().certPath});
+        EXPECT_EQ(verified.exitCode, 0) << name << ": " << verified.errors;
+    }
+}
+
 TEST_F(CliToken, AWrongPinOrATokenKeyOfAnotherCertificateIsRefusedBeforeThePackage)
 {
     std::string cert = developerCertificate();

@@ -65,12 +65,12 @@ public:
             return;
         termios quiet = saved_;
         quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        active_ = tcsetattr(fd_, TCSAFLUSH, &quiet) == 0;
+        active_ = tcsetattr(fd_, TCSANOW, &quiet) == 0;
     }
     ~EchoOff()
     {
         if (active_)
-            tcsetattr(fd_, TCSAFLUSH, &saved_);
+            tcsetattr(fd_, TCSANOW, &saved_);
     }
     EchoOff(EchoOff const&) = delete;
     EchoOff& operator=(EchoOff const&) = delete;
