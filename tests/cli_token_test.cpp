@@ -201,6 +201,50 @@ TEST_F(CliToken, ThreeJobsLoadTheTokenKeysWithOnePinReading)
     }
 }
 
+// The certificate authority and rotations take token keys as well: a CA
+// whose key is the token's EC key issues a certificate that verifies with
+// it, and the developer rotates from the token key to a key in a file.
+TEST_F(CliToken, CaAndRotationUseTokenKeys)
+{
+    auto engine = engineOptions();
+    std::vector<std::string> init = {"ca", "init", "token-ca.pem", "--key", developerUri, "--pass", "pass:1234",
+                                     "--cn", "Token CA"};
+    init.insert(init.end(), engine.begin(), engine.end());
+    auto made = run(init);
+    ASSERT_EQ(made.exitCode, 0) << made.errors;
+
+    generateKey(work.file("signer.key"));
+    writeRequest(work.file("signer.key"), work.file("signer.csr"), "signer");
+    std::vector<std::string> issue = {"ca", "issue", "signer.pem", "--csr", "signer.csr", "--ca-key", developerUri,
+                                      "--ca-pass", "pass:1234", "--ca-cert", "token-ca.pem", "--group", "developer"};
+    issue.insert(issue.end(), engine.begin(), engine.end());
+    auto issued = run(issue);
+    ASSERT_EQ(issued.exitCode, 0) << issued.errors;
+    X509Ptr ca = loadCertificate(work.file("token-ca.pem"));
+    X509Ptr signer = loadCertificate(work.file("signer.pem"));
+    EXPECT_EQ(X509_verify(signer.get(), X509_get0_pubkey(ca.get())), 1);
+
+    // The token's RSA key is not this CA's.
+    std::vector<std::string> wrongCa = {"ca", "issue", "other.pem", "--csr", "signer.csr", "--ca-key", taUri,
+                                        "--ca-pass", "pass:1234", "--ca-cert", "token-ca.pem", "--group",
+                                        "developer"};
+    wrongCa.insert(wrongCa.end(), engine.begin(), engine.end());
+    auto refused = run(wrongCa);
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.errors, "sealkeep: --ca-key " + taUri +
+                                  ": not the key of the CA certificate given with --ca-cert token-ca.pem\n");
+
+    std::string cert = developerCertificate();
+    std::vector<std::string> rotate = {"rotate", "chain.pem", "--old-cert", cert, "--old-key", developerUri,
+                                       "--old-pass", "pass:1234", "--new-cert", "signer.pem", "--new-key",
+                                       "signer.key"};
+    rotate.insert(rotate.end(), engine.begin(), engine.end());
+    auto rotated = run(rotate);
+    EXPECT_EQ(rotated.exitCode, 0) << rotated.errors;
+    auto shown = run({"rotation", "show", "chain.pem"});
+    EXPECT_EQ(shown.exitCode, 0) << shown.errors;
+}
+
 TEST_F(CliToken, AWrongPinOrATokenKeyOfAnotherCertificateIsRefusedBeforeThePackage)
 {
     std::string cert = developerCertificate();
