@@ -39,30 +39,6 @@ protected:
         return runSealkeepDetached(work.path(), environment, args, redirections);
     }
 
-    // A developer certificate for a fresh key, issued by the suite's CA by
-    // hand with the given validity (seconds from now), which the library's
-    // own CA would never make.
-    Identity timedDeveloper(std::string const& name, long notBefore, long notAfter) const
-    {
-        Identity who{work.file(name + ".key"), work.file(name + ".pem")};
-        generateKey(who.keyPath);
-        PkeyPtr key = loadKey(who.keyPath);
-        PkeyPtr caKey = loadKey(pki->ca().keyPath);
-        X509Ptr ca = loadCertificate(pki->ca().certPath);
-        X509Ptr cert = makeBareCertificate(key.get(), name);
-        X509_set_issuer_name(cert.get(), X509_get_subject_name(ca.get()));
-        X509_gmtime_adj(X509_getm_notBefore(cert.get()), notBefore);
-        X509_gmtime_adj(X509_getm_notAfter(cert.get()), notAfter);
-        addExtension(cert.get(), NID_key_usage, "critical,digitalSignature");
-        addExtension(cert.get(), NID_subject_key_identifier, "hash");
-        addExtension(cert.get(), NID_authority_key_identifier, "keyid:always", ca.get());
-        addExtension(cert.get(), NID_ext_key_usage, "critical,emailProtection,packageSigning");
-        addGroupExtension(cert.get(), "developer");
-        signCertificate(cert.get(), caKey.get());
-        saveCertificate(cert.get(), who.certPath);
-        return who;
-    }
-
     // A certificate-authority-issued developer identity for a key of the
     // given GOST size and parameter set.
     Identity developerWithParamset(std::string const& name, int bits, char const* paramset) const
@@ -222,7 +198,7 @@ TEST_F(CliCredentials, AKeyThatIsNotTheCertificatesIsRefused)
 TEST_F(CliCredentials, ACertificateOutsideItsValidityIsRefused)
 {
     std::string package = freshPackage();
-    Identity expired = timedDeveloper("expired", -2 * 86400, -86400);
+    Identity expired = pki->issueWithValidity("expired", -2 * 86400, -86400);
     X509Ptr cert = loadCertificate(expired.certPath);
     std::tm end{};
     ASN1_TIME_to_tm(X509_get0_notAfter(cert.get()), &end);
@@ -231,7 +207,7 @@ TEST_F(CliCredentials, ACertificateOutsideItsValidityIsRefused)
     expectRefused({"sign", package, "--cert", expired.certPath, "--key", expired.keyPath}, package, 1,
                   "sealkeep: --cert " + expired.certPath + ": the certificate expired on " + date + "\n");
 
-    Identity early = timedDeveloper("early", 86400, 2 * 86400);
+    Identity early = pki->issueWithValidity("early", 86400, 2 * 86400);
     cert = loadCertificate(early.certPath);
     std::tm start{};
     ASN1_TIME_to_tm(X509_get0_notBefore(cert.get()), &start);
@@ -470,7 +446,7 @@ TEST_F(CliCredentials, VersionNamesOpenSslAndTheEngine)
 
 TEST_F(CliCredentials, VerifyNamesAnExpiredSignerCertificate)
 {
-    Identity expired = timedDeveloper("lapsed", -2 * 86400, -86400);
+    Identity expired = pki->issueWithValidity("lapsed", -2 * 86400, -86400);
     std::string package = freshPackage();
     // The library signs whatever it is given; only the command checks.
     ASSERT_TRUE(signFile(package, expired));
