@@ -56,20 +56,29 @@ bool mayWrite(std::string const& out, bool force)
     return false;
 }
 
+// A key with the engine that holds it (if any), which stays started for as
+// long as the key is used.
+struct LoadedKey {
+    std::shared_ptr<Engine> engine;
+    PkeyPtr key;  // released before the engine
+    bool inEngine = false;
+};
+
 // The key an option names, loaded once; reports and sets status on failure.
-PkeyPtr loadKey(EngineOptions const& engineOptions, KeyOption const& option, bool& inEngine, int& status)
+std::optional<LoadedKey> loadKey(EngineOptions const& engineOptions, KeyOption const& option, int& status)
 {
     auto engine = startEngine(engineOptions, status);
     if (!engine)
-        return nullptr;
+        return std::nullopt;
     auto source = KeySource::of(option, *engine, status);
     if (!source)
-        return nullptr;
-    inEngine = source->inEngine();
-    PkeyPtr key = source->load();
-    if (!key)
+        return std::nullopt;
+    LoadedKey loaded{*engine, source->load(), source->inEngine()};
+    if (!loaded.key) {
         status = statusFailed;
-    return key;
+        return std::nullopt;
+    }
+    return loaded;
 }
 
 // The CA key must be the CA certificate's, or the certificates issued would
@@ -139,8 +148,7 @@ int runInit(InitOptions const& options)
     if (!mayWrite(options.out, options.force))
         return statusFailed;
     int status = statusOk;
-    bool inEngine = false;
-    PkeyPtr key = loadKey(options.engine, options.key, inEngine, status);
+    auto key = loadKey(options.engine, options.key, status);
     if (!key)
         return status;
     std::string why;
@@ -149,7 +157,7 @@ int runInit(InitOptions const& options)
         reportFailure(options.out, why);
         return statusFailed;
     }
-    if (make_ca_certificate_with_key(output->path().c_str(), key.get(), options.commonName.c_str()) != 0) {
+    if (make_ca_certificate_with_key(output->path().c_str(), key->key.get(), options.commonName.c_str()) != 0) {
         reportFailure(options.out, "CA certificate not issued");
         return statusFailed;
     }
@@ -168,11 +176,10 @@ int runIssue(IssueOptions const& options)
     if (!mayWrite(options.out, options.force))
         return statusFailed;
     int status = statusOk;
-    bool inEngine = false;
-    PkeyPtr caKey = loadKey(options.engine, options.caKey, inEngine, status);
+    auto caKey = loadKey(options.engine, options.caKey, status);
     if (!caKey)
         return status;
-    if (!caKeyMatches(caKey.get(), inEngine, options))
+    if (!caKeyMatches(caKey->key.get(), caKey->inEngine, options))
         return statusFailed;
     std::string why;
     auto output = PendingOutput::create(options.out, why);
@@ -180,7 +187,7 @@ int runIssue(IssueOptions const& options)
         reportFailure(options.out, why);
         return statusFailed;
     }
-    if (make_certificate_with_key(output->path().c_str(), options.request.c_str(), caKey.get(),
+    if (make_certificate_with_key(output->path().c_str(), options.request.c_str(), caKey->key.get(),
                                   options.caCert.c_str(), options.group.c_str()) != 0) {
         reportFailure(options.out, "certificate not issued");
         return statusFailed;
