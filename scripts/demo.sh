@@ -37,7 +37,7 @@ refused() {
 }
 
 cd "$work"
-step "sealkeep is installed: $(command -v sealkeep), $(sealkeep --version); see man sealkeep"
+step "sealkeep is installed: $(command -v sealkeep), $(sealkeep --version | head -n 1); see man sealkeep"
 
 step "A certificate authority. Keys are GOST R 34.10-2012 keys made with openssl."
 openssl genpkey -engine gost -algorithm gost2012_256 -pkeyopt paramset:A -out ca.key 2>/dev/null

@@ -13,6 +13,7 @@ packages=(
   zstd cpio ima-evm-utils attr
   strace e2fsprogs util-linux mount
   libcli11-dev nlohmann-json3-dev help2man
+  softhsm2 libengine-pkcs11-openssl opensc
 )
 
 SUDO=""

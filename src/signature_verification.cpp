@@ -20,6 +20,7 @@
 #include "file_with_cmses_impl.hpp"
 #include "signature_stack.hpp"
 #include "signed_file_layout.hpp"
+#include "signer_validity.hpp"
 
 namespace PackageSignatures {
 
@@ -44,6 +45,21 @@ VerificationReason reasonOf(sealkeep::CmsCheck check)
         return VerificationReason::RotationChainNotAtSigner;
     }
     return VerificationReason::CmsMalformed;
+}
+
+// A certificate that chains to the CA but is outside its validity period is
+// named as such: the CA is not to blame for it.
+VerificationReason chainReason(CMS_ContentInfo* cms, X509_STORE* store)
+{
+    switch (sealkeep::signerChainTime(cms, store)) {
+    case sealkeep::ChainTime::Expired:
+        return VerificationReason::CertificateExpired;
+    case sealkeep::ChainTime::NotYetValid:
+        return VerificationReason::CertificateNotYetValid;
+    case sealkeep::ChainTime::Other:
+        break;
+    }
+    return VerificationReason::CertificateChainNotTrusted;
 }
 
 }  // namespace
@@ -73,6 +89,10 @@ char const* reasonName(VerificationReason reason)
         return "cms_malformed";
     case VerificationReason::SignatureInvalid:
         return "signature_invalid";
+    case VerificationReason::CertificateExpired:
+        return "certificate_expired";
+    case VerificationReason::CertificateNotYetValid:
+        return "certificate_not_yet_valid";
     }
     return "unknown";
 }
@@ -118,6 +138,8 @@ VerificationReport FileWithCmses::verificationReport(char const* caPath)
             return refuse(VerificationReason::CmsMalformed);
         sealkeep::BioPtr covered(sealkeep::bioOverFileRange(fd(), range->begin, range->end));
         sealkeep::CmsCheck check = sealkeep::checkCmsContent(covered.get(), parsed, store.get());
+        if (check == sealkeep::CmsCheck::CertificateChain)
+            return refuse(chainReason(parsed, store.get()));
         if (check != sealkeep::CmsCheck::Passed)
             return refuse(reasonOf(check));
         // Asked only now: the readers print when a CMS has no single signer,

@@ -691,3 +691,51 @@ TEST_F(CertificateAuthority, IssuesForAKeyMadeByOpensslAsCaKey)
 
 }  // namespace
 }  // namespace sealkeep::test
+
+namespace sealkeep::test {
+namespace {
+
+// ---------------------------------------------------------------------------
+// Issuing with a key the caller holds
+
+TEST_F(CertificateAuthority, WithAKeyHeldByTheCallerTheSameCertificatesAreIssued)
+{
+    PkeyPtr caKey = loadKey(pki.ca().keyPath);
+    std::string ca = file("held-ca.pem");
+    ASSERT_EQ(0, make_ca_certificate_with_key(ca.c_str(), caKey.get(), "held CA"));
+    X509Ptr caCert = loadCertificate(ca);
+    EXPECT_EQ("held CA", commonNameOf(X509_get_subject_name(caCert.get())));
+    EXPECT_EQ(1, X509_check_private_key(caCert.get(), caKey.get()));
+    EXPECT_EQ(1, X509_verify(caCert.get(), caKey.get()));
+
+    std::string key = generateKey(file("held-signer.key"));
+    writeRequest(key, file("held-signer.csr"), "held signer");
+    std::string out = file("held-signer.pem");
+    ASSERT_EQ(0, make_certificate_with_key(out.c_str(), file("held-signer.csr").c_str(), caKey.get(), ca.c_str(),
+                                           "developer:mdm"));
+    X509Ptr cert = loadCertificate(out);
+    EXPECT_EQ(1, X509_verify(cert.get(), X509_get0_pubkey(caCert.get())));
+    EXPECT_EQ("developer:mdm", taken(certificate_get_group(cert.get())));
+    // The key stays the caller's and usable.
+    EXPECT_EQ(1, X509_check_private_key(caCert.get(), caKey.get()));
+}
+
+TEST_F(CertificateAuthority, WithoutAKeyNothingIsIssued)
+{
+    std::string ca = file("keyless-ca.pem");
+    std::string errors = stderrOf([&] { EXPECT_EQ(-1, make_ca_certificate_with_key(ca.c_str(), nullptr, "none")); });
+    EXPECT_EQ("Could not read private key (wrong passphrase?)\n", errors);
+
+    std::string key = generateKey(file("keyless-signer.key"));
+    writeRequest(key, file("keyless-signer.csr"), "keyless signer");
+    std::string out = file("keyless-signer.pem");
+    errors = stderrOf([&] {
+        EXPECT_EQ(-1, make_certificate_with_key(out.c_str(), file("keyless-signer.csr").c_str(), nullptr,
+                                                pki.ca().certPath.c_str(), "developer"));
+    });
+    EXPECT_EQ("Could not read private key (wrong passphrase?)\n", errors);
+    EXPECT_FALSE(fileExists(out));
+}
+
+}  // namespace
+}  // namespace sealkeep::test

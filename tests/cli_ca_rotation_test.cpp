@@ -25,6 +25,9 @@ using PackageSignatures::Certificate;
 using PackageSignatures::Group;
 using PackageSignatures::Subgroup;
 
+// What the command says of a key file that holds no key.
+const std::string garbageKeyLine = "sealkeep: --key garbage.key: holds no PEM private key this command can read\n";
+
 class CliCa : public CliTest {
 protected:
     // A request for a fresh key in the working directory.
@@ -86,28 +89,26 @@ TEST_F(CliCa, InitRefusesAMissingKeyAndLeavesNoFile)
 {
     auto result = run({"ca", "init", "ca.pem", "--key", "missing.key", "--cn", "Command CA"});
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.errors, "sealkeep: missing.key: cannot read the CA private key: No such file or directory\n");
+    EXPECT_EQ(result.errors, "sealkeep: --key missing.key: cannot read the private key: No such file or directory\n");
     EXPECT_FALSE(fileExists(work.file("ca.pem")));
 
     writeText(work.file("garbage.key"), "not a key\n");
     auto garbage = run({"ca", "init", "ca.pem", "--key", "garbage.key", "--cn", "Command CA"});
     EXPECT_EQ(garbage.exitCode, 1);
-    EXPECT_EQ(garbage.errors,
-              "Could not read private key (wrong passphrase?)\nsealkeep: ca.pem: CA certificate not issued\n");
+    EXPECT_EQ(garbage.errors, garbageKeyLine);
     EXPECT_FALSE(fileExists(work.file("ca.pem")));
 }
 
-// The library opens its output before it reads the key: an existing
-// certificate must survive a key that does not read.
+// An existing certificate must survive a key that does not read, even when
+// it is to be replaced.
 TEST_F(CliCa, InitLeavesAnExistingCertificateAsItWas)
 {
     writeText(work.file("ca.pem"), "the CA certificate in use\n");
     writeText(work.file("garbage.key"), "not a key\n");
     auto files = workFiles();
-    auto result = run({"ca", "init", "ca.pem", "--key", "garbage.key", "--cn", "Command CA"});
+    auto result = run({"ca", "init", "ca.pem", "--key", "garbage.key", "--cn", "Command CA", "--force"});
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.errors,
-              "Could not read private key (wrong passphrase?)\nsealkeep: ca.pem: CA certificate not issued\n");
+    EXPECT_EQ(result.errors, garbageKeyLine);
     EXPECT_EQ(readText(work.file("ca.pem")), "the CA certificate in use\n");
     EXPECT_EQ(workFiles(), files);
 }
@@ -119,7 +120,7 @@ TEST_F(CliCa, InitReplacesAFileKeepingItsPermissions)
     generateKey(work.file("ca.key"));
     writeText(work.file("ca.pem"), "an old certificate\n");
     ASSERT_EQ(chmod(work.file("ca.pem").c_str(), 0640), 0);
-    auto result = run({"ca", "init", "ca.pem", "--key", "ca.key", "--cn", "Command CA"});
+    auto result = run({"ca", "init", "ca.pem", "--key", "ca.key", "--cn", "Command CA", "--force"});
     EXPECT_EQ(result.exitCode, 0) << result.errors;
     EXPECT_EQ(Certificate::readCertificateFromFile(work.file("ca.pem").c_str()).subject(), "Command CA");
     EXPECT_EQ(permissionsOf(work.file("ca.pem")), 0640u);
@@ -141,7 +142,7 @@ TEST_F(CliCa, AWriteCutShortLeavesTheFormerOutputs)
     auto issued = runSealkeepWithFileSizeLimit(200, work.path(),
                                                {"ca", "issue", "signer.pem", "--csr", csr, "--ca-key",
                                                 pki->ca().keyPath, "--ca-cert", pki->ca().certPath, "--group",
-                                                "seclab"});
+                                                "seclab", "--force"});
     EXPECT_EQ(issued.exitCode, 1);
     EXPECT_EQ(issued.errors, "Could not save resulting certificate file\nsealkeep: signer.pem: certificate not issued\n");
     EXPECT_EQ(readFile(work.file("signer.pem")), certificate);
@@ -161,8 +162,7 @@ TEST_F(CliCa, AWriteCutShortLeavesTheFormerOutputs)
                                                   "--old-key", b.keyPath, "--new-cert", c.certPath, "--new-key",
                                                   c.keyPath});
     EXPECT_EQ(appended.exitCode, 1);
-    EXPECT_EQ(appended.errors,
-              "Could not save resulting proof-of-rotation chain file\nsealkeep: chain.pem: rotation not recorded\n");
+    EXPECT_EQ(appended.errors, "sealkeep: chain.pem: rotation not recorded: File too large\n");
     EXPECT_EQ(readFile(work.file("chain.pem")), chain);
     EXPECT_EQ(workFiles(), files);
 }
@@ -260,13 +260,12 @@ TEST_F(CliCa, RotateRefusals)
     EXPECT_EQ(noChain.exitCode, 1);
     EXPECT_EQ(noChain.errors, "sealkeep: chain.pem: cannot append to the chain: No such file or directory\n");
 
-    // The old key does not belong to the old certificate: the proof does not verify.
+    // The old key does not belong to the old certificate: no proof is made.
     auto wrongKey = run({"rotate", "chain.pem", "--old-cert", a.certPath, "--old-key", b.keyPath, "--new-cert",
                          b.certPath, "--new-key", b.keyPath});
     EXPECT_EQ(wrongKey.exitCode, 1);
-    std::string line = "sealkeep: chain.pem: rotation not recorded\n";
-    ASSERT_GE(wrongKey.errors.size(), line.size());
-    EXPECT_EQ(wrongKey.errors.substr(wrongKey.errors.size() - line.size()), line) << wrongKey.errors;
+    EXPECT_EQ(wrongKey.errors, "sealkeep: --old-key " + b.keyPath + ": not the key of the certificate given with "
+                               "--old-cert " + a.certPath + "\n");
     EXPECT_FALSE(fileExists(work.file("chain.pem")));
 
     auto missing = run({"rotation", "show", "missing.pem"});
@@ -315,7 +314,7 @@ TEST_F(CliCa, VersionAndHelp)
 {
     auto version = run({"--version"});
     EXPECT_EQ(version.exitCode, 0);
-    EXPECT_EQ(version.output, "sealkeep " SEALKEEP_TEST_VERSION "\n");
+    EXPECT_EQ(version.output.rfind("sealkeep " SEALKEEP_TEST_VERSION "\nOpenSSL ", 0), 0u) << version.output;
     for (auto const& words : std::vector<std::vector<std::string>>{{"sign"},
                                                                     {"verify"},
                                                                     {"inspect"},

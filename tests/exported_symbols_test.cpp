@@ -26,7 +26,8 @@ const std::set<std::string> flatInterface = {
     "cms_get_certificate", "cms_get_file_signatures", "cms_get_rotation_chain", "cms_get_signature", "cms_sign",
     "cms_verify", "d2i_FileSignature", "d2i_FileSignatures", "d2i_ProofOfRotation", "d2i_ProofOfRotationChain",
     "d2i_ProofOfRotationSignedAttrs", "i2d_FileSignature", "i2d_FileSignatures", "i2d_ProofOfRotation",
-    "i2d_ProofOfRotationChain", "i2d_ProofOfRotationSignedAttrs", "make_ca_certificate", "make_certificate",
+    "i2d_ProofOfRotationChain", "i2d_ProofOfRotationSignedAttrs", "make_ca_certificate", "make_ca_certificate_with_key", "make_certificate",
+    "make_certificate_with_key",
     "make_proof_of_rotation_chain", "private_key_read", "is_fi_ta", "rpmfi_ta_shdr",
 };
 

@@ -245,6 +245,20 @@ TEST_F(VerificationReportTest, ASignatureOfAnotherCaIsNotTrusted)
     EXPECT_NE(std::string::npos, lastErrors.find("certificate verify error")) << lastErrors;
 }
 
+// A certificate of the CA outside its validity is not blamed on the CA.
+TEST_F(VerificationReportTest, ASignerCertificateOutsideItsValidityIsNamedAsSuch)
+{
+    appendFile(path, makeBlock(signRange(*package, pki->issueWithValidity("lapsed", -2 * 86400, -86400)), 2));
+    expectRefusedAlone(report(), Group::None, VerificationReason::CertificateExpired);
+    EXPECT_STREQ("certificate_expired", PackageSignatures::reasonName(VerificationReason::CertificateExpired));
+
+    writeFile(path, *package);
+    appendFile(path, makeBlock(signRange(*package, pki->issueWithValidity("early", 86400, 2 * 86400)), 2));
+    expectRefusedAlone(report(), Group::None, VerificationReason::CertificateNotYetValid);
+    EXPECT_STREQ("certificate_not_yet_valid",
+                 PackageSignatures::reasonName(VerificationReason::CertificateNotYetValid));
+}
+
 TEST_F(VerificationReportTest, AnAttachedSignatureOfAnotherCaIsNotTrusted)
 {
     Pki otherPki("another CA");

@@ -1,8 +1,11 @@
 // sealkeep ca init / ca issue: a small certificate authority for package
 // signers, over the library's make_ca_certificate and make_certificate. The
 // certificate is written beside its destination and moved into place only
-// when complete, so a failure leaves an existing file as it was.
-#include <fstream>
+// when complete, so a failure leaves an existing file as it was; an existing
+// file is replaced only with --force. The CA key may be a PEM file or a key
+// held by an engine.
+#include <sys/stat.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,6 +17,8 @@
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "key_checks.hpp"
+#include "key_source.hpp"
 #include "owned.hpp"
 #include "pending_output.hpp"
 
@@ -24,23 +29,71 @@ namespace ps = PackageSignatures;
 
 struct InitOptions {
     std::string out;
-    std::string key;
+    EngineOptions engine;
+    KeyOption key;
     std::string commonName;
+    bool force = false;
 };
 
 struct IssueOptions {
     std::string out;
     std::string request;
-    std::string caKey;
+    EngineOptions engine;
+    KeyOption caKey;
     std::string caCert;
     std::string group;
+    bool force = false;
 };
 
-bool readable(std::string const& path, std::string const& what)
+// An existing certificate is replaced only when asked: a CA certificate
+// overwritten by mistake orphans every certificate it issued.
+bool mayWrite(std::string const& out, bool force)
 {
-    if (std::ifstream(path))
+    struct stat status {};
+    if (force || lstat(out.c_str(), &status) != 0)
         return true;
-    reportFailure(path, "cannot read the " + what + ": " + systemReason());
+    reportFailure(out, "already exists (use --force to replace it)");
+    return false;
+}
+
+// A key with the engine that holds it (if any), which stays started for as
+// long as the key is used.
+struct LoadedKey {
+    std::shared_ptr<Engine> engine;
+    PkeyPtr key;  // released before the engine
+    bool inEngine = false;
+};
+
+// The key an option names, loaded once; reports and sets status on failure.
+std::optional<LoadedKey> loadKey(EngineOptions const& engineOptions, KeyOption const& option, int& status)
+{
+    auto engine = startEngine(engineOptions, status);
+    if (!engine)
+        return std::nullopt;
+    auto source = KeySource::of(option, *engine, status);
+    if (!source)
+        return std::nullopt;
+    LoadedKey loaded{*engine, source->load(), source->inEngine()};
+    if (!loaded.key) {
+        status = statusFailed;
+        return std::nullopt;
+    }
+    return loaded;
+}
+
+// The CA key must be the CA certificate's, or the certificates issued would
+// not verify against it.
+bool caKeyMatches(EVP_PKEY* key, bool inEngine, IssueOptions const& options)
+{
+    X509Ptr caCert(certificate_read(options.caCert.c_str()));
+    if (!caCert) {
+        reportFailure("--ca-cert " + options.caCert, "cannot read the CA certificate");
+        return false;
+    }
+    if (keyBelongsTo(key, inEngine, caCert.get()))
+        return true;
+    reportFailure(options.caKey.option + " " + options.caKey.reference,
+                  "not the key of the CA certificate given with --ca-cert " + options.caCert);
     return false;
 }
 
@@ -92,15 +145,19 @@ std::optional<std::string> groupTextProblem(std::string const& text)
 
 int runInit(InitOptions const& options)
 {
-    if (!readable(options.key, "CA private key"))
+    if (!mayWrite(options.out, options.force))
         return statusFailed;
+    int status = statusOk;
+    auto key = loadKey(options.engine, options.key, status);
+    if (!key)
+        return status;
     std::string why;
     auto output = PendingOutput::create(options.out, why);
     if (!output) {
         reportFailure(options.out, why);
         return statusFailed;
     }
-    if (make_ca_certificate(output->path().c_str(), options.key.c_str(), options.commonName.c_str()) != 0) {
+    if (make_ca_certificate_with_key(output->path().c_str(), key->key.get(), options.commonName.c_str()) != 0) {
         reportFailure(options.out, "CA certificate not issued");
         return statusFailed;
     }
@@ -116,14 +173,22 @@ int runIssue(IssueOptions const& options)
         reportFailure(options.out, *problem);
         return statusFailed;
     }
+    if (!mayWrite(options.out, options.force))
+        return statusFailed;
+    int status = statusOk;
+    auto caKey = loadKey(options.engine, options.caKey, status);
+    if (!caKey)
+        return status;
+    if (!caKeyMatches(caKey->key.get(), caKey->inEngine, options))
+        return statusFailed;
     std::string why;
     auto output = PendingOutput::create(options.out, why);
     if (!output) {
         reportFailure(options.out, why);
         return statusFailed;
     }
-    if (make_certificate(output->path().c_str(), options.request.c_str(), options.caKey.c_str(),
-                         options.caCert.c_str(), options.group.c_str()) != 0) {
+    if (make_certificate_with_key(output->path().c_str(), options.request.c_str(), caKey->key.get(),
+                                  options.caCert.c_str(), options.group.c_str()) != 0) {
         reportFailure(options.out, "certificate not issued");
         return statusFailed;
     }
@@ -145,19 +210,23 @@ void addCaCommands(CLI::App& app, int& status)
     auto init = std::make_shared<InitOptions>();
     CLI::App* initCommand = ca->add_subcommand("init", "Issue a self-signed CA certificate for a key");
     initCommand->add_option("certificate", init->out, "CA certificate to write (PEM)")->required();
-    initCommand->add_option("--key", init->key, "CA private key (PEM)")->required();
+    addKeyOption(*initCommand, init->key, "--key", "--pass", "CA private key")->required();
     initCommand->add_option("--cn", init->commonName, "Common name of the CA")->required();
+    initCommand->add_flag("--force", init->force, "Replace an existing certificate");
+    addEngineOptions(*initCommand, init->engine);
     initCommand->callback([init, &status] { status = runInit(*init); });
 
     auto issue = std::make_shared<IssueOptions>();
     CLI::App* issueCommand = ca->add_subcommand("issue", "Issue a signer certificate from a request");
     issueCommand->add_option("certificate", issue->out, "Certificate to write (PEM)")->required();
     issueCommand->add_option("--csr", issue->request, "Certificate request (PEM)")->required();
-    issueCommand->add_option("--ca-key", issue->caKey, "CA private key (PEM)")->required();
+    addKeyOption(*issueCommand, issue->caKey, "--ca-key", "--ca-pass", "CA private key")->required();
     issueCommand->add_option("--ca-cert", issue->caCert, "CA certificate (PEM)")->required();
     issueCommand
         ->add_option("--group", issue->group, "Signer group, optionally with a subgroup: developer, seclab:mdm, ...")
         ->required();
+    issueCommand->add_flag("--force", issue->force, "Replace an existing certificate");
+    addEngineOptions(*issueCommand, issue->engine);
     issueCommand->callback([issue, &status] { status = runIssue(*issue); });
 }
 

@@ -1,23 +1,36 @@
 // The signer's certificate, keys and rotation chain as the sign subcommand
-// reads them from files. Each signing thread holds its own copy, so that no
-// OpenSSL object is shared between threads.
+// takes them from its options. Each signing thread holds its own copy, so
+// that no OpenSSL object is shared between threads; the pass phrases behind
+// the copies are read once.
 #ifndef SEALKEEP_TOOLS_CREDENTIALS_HPP
 #define SEALKEEP_TOOLS_CREDENTIALS_HPP
 
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "key_source.hpp"
 #include "owned.hpp"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
 
 namespace sealkeep::cli {
 
-struct CredentialFiles {
+struct CredentialOptions {
+    EngineOptions engine;
     std::string certificate;
-    std::string key;
-    std::optional<std::string> passPhrase;
-    std::string taKey;          // empty: none
+    KeyOption key;
+    std::string passFile;  // older spelling of --pass file:PATH
+    KeyOption taKey;       // reference empty: none
     std::string rotationChain;  // empty: none
 };
+
+// --cert, --key, --pass, --pass-file, --ta-key, --ta-pass, --rotation-chain
+// and the engine options on sign; returns --ta-key, which needs a scheme.
+CLI::Option* addCredentialOptions(CLI::App& sign, CredentialOptions& options);
 
 struct Credentials {
     X509Ptr certificate;
@@ -26,13 +39,27 @@ struct Credentials {
     ChainPtr rotationChain;  // may be null
 };
 
-// Reads every file named; on failure reports the file and the reason and
-// returns nothing.
-std::optional<Credentials> loadCredentials(CredentialFiles const& files);
+// The sources behind the options, resolved once per command.
+class CredentialSource {
+public:
+    // Starts the engine and resolves each key option; on failure reports one
+    // line and returns nothing, status saying whether usage was wrong.
+    static std::optional<CredentialSource> open(CredentialOptions const& options, int& status);
 
-// The first line of a pass-phrase file without its line end; reports and
-// returns nothing when the file cannot be read.
-std::optional<std::string> readPassPhrase(std::string const& path);
+    // A fresh copy of every credential; on failure reports the option and
+    // the reason and returns nothing.
+    std::optional<Credentials> load();
+
+    KeySource const& key() const { return *key_; }
+    KeySource const* taKey() const { return taKey_ ? &*taKey_ : nullptr; }
+    CredentialOptions const& options() const { return options_; }
+
+private:
+    CredentialOptions options_;
+    std::shared_ptr<Engine> engine_;
+    std::optional<KeySource> key_;
+    std::optional<KeySource> taKey_;
+};
 
 }  // namespace sealkeep::cli
 

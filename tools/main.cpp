@@ -2,20 +2,37 @@
 // certificate authority and builds key-rotation chains, all through the
 // library's public interfaces.
 #include <exception>
+#include <cstring>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 
 #include "cli.hpp"
+#include "gost_engine.hpp"
 #include "interruptions.hpp"
 
 using namespace sealkeep::cli;
+
+namespace {
+
+// Help is text only and needs no engine; every other use of the command,
+// --version included, needs it.
+bool asksForHelp(int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help-all") == 0)
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
 
 int main(int argc, char** argv)
 {
     handleInterruptions();
     CLI::App app{"Sign, verify and inspect packages with stacked GOST CMS signatures.", "sealkeep"};
-    app.set_version_flag("--version", "sealkeep " SEALKEEP_VERSION);
+    app.set_version_flag("--version", [] { return versionText(SEALKEEP_VERSION); });
     app.require_subcommand(1);
     app.footer("Exit status: 0 success, 1 refused, invalid or failed, 2 bad usage.");
 
@@ -29,6 +46,12 @@ int main(int argc, char** argv)
     addDbCommands(app, status);
     addImaCommands(app, status);
 
+    if (!asksForHelp(argc, argv)) {
+        if (auto problem = gostEngineProblem()) {
+            std::cerr << "sealkeep: " << *problem << std::endl;
+            return statusFailed;
+        }
+    }
     try {
         app.parse(argc, argv);
     } catch (CLI::CallForHelp const& e) {

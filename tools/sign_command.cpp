@@ -21,6 +21,7 @@
 #include "credentials.hpp"
 #include "interruptions.hpp"
 #include "package_writing.hpp"
+#include "sign_preflight.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -31,8 +32,8 @@ constexpr unsigned taAlgorithmPkcs1 = 0x70004830u;
 
 struct SignOptions {
     std::vector<std::string> packages;
-    CredentialFiles files;
-    std::string passFile;
+    CredentialOptions credentials;
+    bool allowUnverifiableKey = false;
     std::string taAlgorithm;
     bool replace = false;
     int format = 3;
@@ -103,6 +104,14 @@ bool signPackage(std::string const& path, PackageSignatures::Group group, Creden
     return true;
 }
 
+SignPlan signPlan(SignOptions const& options)
+{
+    SignPlan plan;
+    plan.fileSignatures = !options.noFileSignatures;
+    plan.allowUnverifiableKey = options.allowUnverifiableKey;
+    return plan;
+}
+
 // Two threads appending to one file would interleave their blocks, so each
 // file may be named once, whatever path names it.
 bool namesAFileTwice(std::vector<std::string> const& packages)
@@ -125,21 +134,23 @@ int runSign(SignOptions& options)
 {
     if (namesAFileTwice(options.packages))
         return statusUsage;
-    if (!options.passFile.empty()) {
-        options.files.passPhrase = readPassPhrase(options.passFile);
-        if (!options.files.passPhrase)
-            return statusFailed;
-    }
+    int status = statusOk;
+    auto source = CredentialSource::open(options.credentials, status);
+    if (!source)
+        return status;
     unsigned threads = std::min<std::size_t>(options.jobs, options.packages.size());
-    // One set of keys per thread, all read before any package is touched.
+    // One set of keys per thread, all read before any package is touched;
+    // each key is unlocked once, whatever the number of threads.
     std::vector<Credentials> credentials;
     for (unsigned i = 0; i < threads; ++i) {
-        auto loaded = loadCredentials(options.files);
+        auto loaded = source->load();
         if (!loaded)
             return statusFailed;
         credentials.push_back(std::move(*loaded));
     }
-    const PackageSignatures::Group group = PackageSignatures::Certificate(credentials[0].certificate.get()).group();
+    PackageSignatures::Group group = PackageSignatures::Group::None;
+    if (int refused = checkSigner(*source, credentials[0], signPlan(options), group); refused != statusOk)
+        return refused;
 
     std::atomic<std::size_t> next{0};
     std::atomic<bool> anyFailed{false};
@@ -172,18 +183,12 @@ void addSignCommand(CLI::App& app, int& status)
     auto options = std::make_shared<SignOptions>();
     CLI::App* sign = app.add_subcommand("sign", "Append a signature to each package");
     sign->add_option("packages", options->packages, "Packages to sign")->required();
-    sign->add_option("--cert", options->files.certificate, "Signer certificate (PEM)")->required();
-    sign->add_option("--key", options->files.key, "Signer private key (PEM)")->required();
-    sign->add_option("--pass-file", options->passFile, "File whose first line is the key's pass phrase");
-    auto taKey = sign->add_option("--ta-key", options->files.taKey,
-                                  "RSA key that signs the package's trusted applications");
+    auto taKey = addCredentialOptions(*sign, options->credentials);
     auto taAlgorithm = sign->add_option("--ta-algorithm", options->taAlgorithm,
                                         "Signature scheme of the trusted-application headers")
                            ->check(CLI::IsMember({"pss", "pkcs1"}));
     taKey->needs(taAlgorithm);
     taAlgorithm->needs(taKey);
-    sign->add_option("--rotation-chain", options->files.rotationChain,
-                     "Proof-of-rotation chain ending at the signer's key");
     sign->add_flag("--replace", options->replace,
                    "Replace the newest signature of the same group (every signature for a developer)");
     sign->add_option("--format", options->format, "Block format: 3 (a skippable frame) or 2")
@@ -195,6 +200,8 @@ void addSignCommand(CLI::App& app, int& status)
                      "Seconds to wait for another process writing the same package")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 86400.0));
+    sign->add_flag("--allow-unverifiable-file-signatures", options->allowUnverifiableKey,
+                   "Sign the payload's files with a GOST key the Linux kernel's IMA cannot verify");
     sign->add_option("--jobs,-j", options->jobs, "Packages signed at once")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);

@@ -41,6 +41,10 @@ std::string explainReason(VerificationReason reason, std::string const& ca)
         return "the CMS is malformed (undecodable, not exactly one signer, or unknown block version)";
     case VerificationReason::SignatureInvalid:
         return "the signature value does not verify with the signer's key";
+    case VerificationReason::CertificateExpired:
+        return "the signer's certificate (or a CA certificate of its chain) has expired";
+    case VerificationReason::CertificateNotYetValid:
+        return "the signer's certificate (or a CA certificate of its chain) is not valid yet";
     }
     return PackageSignatures::reasonName(reason);
 }

@@ -213,6 +213,13 @@ int make_ca_certificate(const char *outPath, const char *keyPath,
 int make_certificate(const char *outPath, const char *csrPath,
                      const char *caKeyPath, const char *caCertPath,
                      const char *group);
+/* The same two with a key the caller holds (read from a file, or held by an
+ * engine such as a PKCS#11 token's); the key stays the caller's. */
+int make_ca_certificate_with_key(const char *outPath, EVP_PKEY *key,
+                                 const char *commonName);
+int make_certificate_with_key(const char *outPath, const char *csrPath,
+                              EVP_PKEY *caKey, const char *caCertPath,
+                              const char *group);
 
 #pragma GCC visibility pop
 

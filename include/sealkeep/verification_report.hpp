@@ -33,6 +33,9 @@ enum class VerificationReason : std::uint32_t {
                                      // or a later block of unknown version
     SignatureInvalid = 10,           // "signature_invalid": the signature value itself does
                                      // not verify with the signer's key
+    CertificateExpired = 11,         // "certificate_expired": the signer's certificate chains
+                                     // to the CA but it (or a CA of its chain) has expired
+    CertificateNotYetValid = 12,     // "certificate_not_yet_valid": likewise, not yet valid
 };
 
 // "ok", "unreadable_ca", ... as listed above; "unknown" for any other value.

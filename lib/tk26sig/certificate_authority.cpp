@@ -364,6 +364,59 @@ bool writeAndClose(FilePtr file, X509* cert)
     return writePemAndClose(std::move(file), [cert](FILE* out) { return PEM_write_X509(out, cert); });
 }
 
+
+// Steps common to both ways of giving the CA key: the output file is already
+// open (and stays, possibly empty, on failure).
+int issueCaCertificateInto(FilePtr outFile, EVP_PKEY* key, const char* commonName)
+{
+    X509Ptr cert = issueCaCertificate(key, commonName);
+    if (!cert) {
+        fprintf(stderr, "CA certificate issuing failed\n");
+        return -1;
+    }
+    if (!writeAndClose(std::move(outFile), cert.get())) {
+        fprintf(stderr, "Could not save certificate\n");
+        return -1;
+    }
+    return 0;
+}
+
+// Reads the request and the CA certificate, checks both, issues and only then
+// creates outPath, which is removed when it cannot be written completely.
+int issueSignerCertificateInto(const char* outPath, FILE* csrFile, EVP_PKEY* caKey, FILE* caCertFile,
+                               const char* group)
+{
+    X509ReqPtr request(PEM_read_X509_REQ(csrFile, nullptr, nullptr, nullptr));
+    if (!request) {
+        fprintf(stderr, "Could not parse CSR from PEM\n");
+        return -1;
+    }
+    X509Ptr caCert(PEM_read_X509(caCertFile, nullptr, nullptr, nullptr));
+    if (!caCert) {
+        fprintf(stderr, "Could not read PEM CA certificate\n");
+        return -1;
+    }
+    if (!requestIsValid(request.get()) || !caCertificateIsValid(caCert.get()))
+        return -1;
+
+    X509Ptr cert = issueSignerCertificate(request.get(), caKey, caCert.get(), group);
+    if (!cert) {
+        fprintf(stderr, "Certificate issuing failed\n");
+        return -1;
+    }
+    FilePtr outFile = openFile(outPath, "wb");
+    if (!outFile) {
+        fprintf(stderr, "Could not open resulting certificate file: %s\n", strerror(errno));
+        return -1;
+    }
+    if (!writeAndClose(std::move(outFile), cert.get())) {
+        remove(outPath);
+        fprintf(stderr, "Could not save resulting certificate file\n");
+        return -1;
+    }
+    return 0;
+}
+
 }  // namespace
 }  // namespace sealkeep
 
@@ -384,16 +437,21 @@ int make_ca_certificate(const char* outPath, const char* keyPath, const char* co
     PkeyPtr key = readCaKey(keyFile.get());
     if (!key)
         return -1;
-    X509Ptr cert = issueCaCertificate(key.get(), commonName);
-    if (!cert) {
-        fprintf(stderr, "CA certificate issuing failed\n");
+    return issueCaCertificateInto(std::move(outFile), key.get(), commonName);
+}
+
+int make_ca_certificate_with_key(const char* outPath, EVP_PKEY* key, const char* commonName)
+{
+    FilePtr outFile = openFile(outPath, "wb");
+    if (!outFile) {
+        fprintf(stderr, "%s\n", strerror(errno));
         return -1;
     }
-    if (!writeAndClose(std::move(outFile), cert.get())) {
-        fprintf(stderr, "Could not save certificate\n");
+    if (!key) {
+        fprintf(stderr, "Could not read private key (wrong passphrase?)\n");
         return -1;
     }
-    return 0;
+    return issueCaCertificateInto(std::move(outFile), key, commonName);
 }
 
 int make_certificate(const char* outPath, const char* csrPath, const char* caKeyPath,
@@ -408,39 +466,26 @@ int make_certificate(const char* outPath, const char* csrPath, const char* caKey
     FilePtr caCertFile = openInput(caCertPath, "Could not open CA certificate file: ");
     if (!caCertFile)
         return -1;
-
     PkeyPtr caKey = readCaKey(keyFile.get());
     if (!caKey)
         return -1;
-    X509ReqPtr request(PEM_read_X509_REQ(csrFile.get(), nullptr, nullptr, nullptr));
-    if (!request) {
-        fprintf(stderr, "Could not parse CSR from PEM\n");
-        return -1;
-    }
-    X509Ptr caCert(PEM_read_X509(caCertFile.get(), nullptr, nullptr, nullptr));
-    if (!caCert) {
-        fprintf(stderr, "Could not read PEM CA certificate\n");
-        return -1;
-    }
-    if (!requestIsValid(request.get()) || !caCertificateIsValid(caCert.get()))
-        return -1;
+    return issueSignerCertificateInto(outPath, csrFile.get(), caKey.get(), caCertFile.get(), group);
+}
 
-    X509Ptr cert = issueSignerCertificate(request.get(), caKey.get(), caCert.get(), group);
-    if (!cert) {
-        fprintf(stderr, "Certificate issuing failed\n");
+int make_certificate_with_key(const char* outPath, const char* csrPath, EVP_PKEY* caKey,
+                              const char* caCertPath, const char* group)
+{
+    FilePtr csrFile = openInput(csrPath, "Could not open CSR file: ");
+    if (!csrFile)
+        return -1;
+    FilePtr caCertFile = openInput(caCertPath, "Could not open CA certificate file: ");
+    if (!caCertFile)
+        return -1;
+    if (!caKey) {
+        fprintf(stderr, "Could not read private key (wrong passphrase?)\n");
         return -1;
     }
-    FilePtr outFile = openFile(outPath, "wb");
-    if (!outFile) {
-        fprintf(stderr, "Could not open resulting certificate file: %s\n", strerror(errno));
-        return -1;
-    }
-    if (!writeAndClose(std::move(outFile), cert.get())) {
-        remove(outPath);
-        fprintf(stderr, "Could not save resulting certificate file\n");
-        return -1;
-    }
-    return 0;
+    return issueSignerCertificateInto(outPath, csrFile.get(), caKey, caCertFile.get(), group);
 }
 
 }  // extern "C"

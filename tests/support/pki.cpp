@@ -161,6 +161,28 @@ Identity Pki::issue(std::string const& name, const char* groupText)
     return identity;
 }
 
+Identity Pki::issueWithValidity(std::string const& name, long notBefore, long notAfter)
+{
+    Identity who{dir_.file(name + ".key"), dir_.file(name + ".pem")};
+    generateKey(who.keyPath);
+    PkeyPtr key = loadKey(who.keyPath);
+    PkeyPtr caKey = loadKey(ca_.keyPath);
+    X509Ptr ca = loadCertificate(ca_.certPath);
+    X509Ptr cert = makeBareCertificate(key.get(), name);
+    require(X509_set_issuer_name(cert.get(), X509_get_subject_name(ca.get())) == 1 &&
+                X509_gmtime_adj(X509_getm_notBefore(cert.get()), notBefore) &&
+                X509_gmtime_adj(X509_getm_notAfter(cert.get()), notAfter),
+            "cannot set the validity of " + name);
+    addExtension(cert.get(), NID_key_usage, "critical,digitalSignature");
+    addExtension(cert.get(), NID_subject_key_identifier, "hash");
+    addExtension(cert.get(), NID_authority_key_identifier, "keyid:always", ca.get());
+    addExtension(cert.get(), NID_ext_key_usage, "critical,emailProtection,packageSigning");
+    addGroupExtension(cert.get(), "developer");
+    signCertificate(cert.get(), caKey.get());
+    saveCertificate(cert.get(), who.certPath);
+    return who;
+}
+
 Identity const& Pki::cached(std::optional<Identity>& slot, const char* group)
 {
     if (!slot)

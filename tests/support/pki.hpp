@@ -73,6 +73,11 @@ public:
     // stored as name.key, name.csr and name.pem; groupText may be null.
     Identity issue(std::string const& name, const char* groupText);
 
+    // A developer identity signed by this CA by hand, valid from notBefore to
+    // notAfter seconds from now: a certificate the library's CA never makes
+    // (expired, or not yet valid).
+    Identity issueWithValidity(std::string const& name, long notBefore, long notAfter);
+
     // Identities issued on first use with the group texts "developer",
     // "seclab" and "client".
     Identity const& developer();

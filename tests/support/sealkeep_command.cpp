@@ -48,4 +48,16 @@ CommandResult runSealkeepWithFileSizeLimit(long bytes, std::string const& dir, s
     return runIn(dir, "trap '' XFSZ && exec prlimit --fsize=" + std::to_string(bytes) + " ", args);
 }
 
+CommandResult runSealkeepDetached(std::string const& dir, std::vector<std::string> const& environment,
+                                  std::vector<std::string> const& args, std::string const& redirections)
+{
+    std::string prefix = "exec env";
+    for (auto const& entry : environment)
+        prefix += " " + shellQuoted(entry);
+    std::string line = "cd " + shellQuoted(dir) + " && " + prefix + " setsid -w " + shellQuoted(SEALKEEP_CLI);
+    for (auto const& arg : args)
+        line += " " + shellQuoted(arg);
+    return runShell(line + " " + redirections);
+}
+
 }  // namespace sealkeep::test

@@ -22,6 +22,11 @@ CommandResult runSealkeepWithFileSizeLimit(long bytes, std::string const& dir, s
 // The shell command line that runs `sealkeep args...`, for scripts that run
 // several at once.
 std::string sealkeepCommandLine(std::vector<std::string> const& args);
+// The same without a controlling terminal (in a new session), with extra
+// environment entries ("NAME=value") and shell redirections appended to the
+// command line ("< pass.txt", "3< pin.txt"): what a release pipeline runs.
+CommandResult runSealkeepDetached(std::string const& dir, std::vector<std::string> const& environment,
+                                  std::vector<std::string> const& args, std::string const& redirections = {});
 // The text as one shell word.
 std::string shellQuoted(std::string const& text);
 
