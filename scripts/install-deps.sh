@@ -12,6 +12,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   zstd cpio ima-evm-utils attr
   libcli11-dev nlohmann-json3-dev help2man
+  # Packaging: rpmbuild comes with rpm; the Debian packages and their checks.
+  dpkg-dev debhelper fakeroot lintian
 )
 
 SUDO=""
