@@ -14,8 +14,13 @@ rm -rf "$top"
 mkdir -p "$top"
 tar -xzf "$archive" -C "$top"
 cd "$top/sealkeep-$SEALKEEP_VERSION"
-# A compiler cache, when the build uses one, keeps a rebuild cheap.
+# A compiler cache, when the build uses one, keeps a rebuild cheap. debhelper
+# gives the build a HOME of its own, so the cache is named explicitly.
 export CCACHE_BASEDIR="$PWD"
+if command -v ccache >/dev/null 2>&1; then
+  CCACHE_DIR=$(ccache --get-config cache_dir)
+  export CCACHE_DIR
+fi
 logged "$top/dpkg-buildpackage.log" dpkg-buildpackage -us -uc -b
 # dpkg-gensymbols fails the build on a lost symbol and only warns about a new
 # one: a new symbol must be added to the symbols file as well.

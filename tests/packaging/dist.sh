@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The build's dist target makes the source archive the packages are built
-# from, holding the spec and debian/ of this tree.
+# from, holding packaging/rpm/sealkeep.spec and debian/ of this tree.
 #   dist.sh BUILD_DIR
 source "$(dirname "$0")/common.sh"
 need_tools git tar

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The RPM spec and the Debian changelog name the project's version, so that
+# packaging/rpm/sealkeep.spec and the Debian changelog name the project's version, so that
 # the packages built from the archive are of the version the build makes.
 source "$(dirname "$0")/common.sh"
 spec_version=$(sed -n 's/^Version:[[:space:]]*//p' "$SEALKEEP_SOURCE_DIR/packaging/rpm/sealkeep.spec")
@@ -8,4 +8,4 @@ debian_version=$(sed -n '1s/^sealkeep (\([^)]*\)).*/\1/p' "$SEALKEEP_SOURCE_DIR/
   || fail "packaging/rpm/sealkeep.spec has Version $spec_version, the project $SEALKEEP_VERSION"
 [ "$debian_version" = "$SEALKEEP_VERSION" ] \
   || fail "debian/changelog is at $debian_version, the project at $SEALKEEP_VERSION"
-echo "spec and debian/changelog: version $SEALKEEP_VERSION"
+echo "sealkeep.spec and debian/changelog: version $SEALKEEP_VERSION"
