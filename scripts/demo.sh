@@ -6,7 +6,9 @@
 # verified, refused a fourth signature, caught when tampered with, and
 # stripped of its newest signature. Then a device installs it into its trust
 # database, refuses and accepts updates, and puts the per-file IMA signatures
-# onto the unpacked files.
+# onto the unpacked files. Last, sealkeep's own RPMs are built, signed by
+# sealkeep, installed into a scratch root, admitted by a trust database there
+# and labelled, and the command installed there runs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -187,5 +189,67 @@ step "The same calls from C++: a minimal client built with pkg-config alone."
 cd - >/dev/null
 c++ -std=c++17 -o "$work/sealkeep-example" examples/sealkeep_example.cpp $(pkg-config --cflags --libs sealkeep)
 show "$work/sealkeep-example" "$work/demo.rpm" "$work/ca.pem"
+
+step "sealkeep's own packages: RPMs built from the source archive of the dist target."
+version=$(sealkeep --version | sed 's/^sealkeep //')
+cmake --build build-release --target dist
+rpmtop="$work/rpmbuild"
+mkdir -p "$rpmtop/SOURCES"
+cp "build-release/sealkeep-$version.tar.gz" "$rpmtop/SOURCES/"
+# Debian's rpmbuild cannot see build dependencies installed as Debian packages.
+rpmbuild -ba --nodeps --quiet --define "_topdir $rpmtop" packaging/rpm/sealkeep.spec
+cd "$work"
+own=()
+for name in sealkeep sealkeep-devel sealkeep-tools; do
+  cp "$rpmtop"/RPMS/*/"$name-$version"-*.rpm "own-$name.rpm"
+  own+=("own-$name.rpm")
+done
+show rpm -qpl own-sealkeep.rpm
+
+step "sealkeep signs its own packages as developer, seclab and client, and verifies them."
+show sealkeep sign "${own[@]}" --cert developer.pem --key developer.key
+show sealkeep sign "${own[@]}" --cert seclab.pem --key seclab.key
+show sealkeep sign "${own[@]}" --cert client.pem --key client.key
+show sealkeep verify "${own[@]}" --ca ca.pem
+
+step "Install them into a scratch root with rpm."
+echo "rpm's own payload digest covers the whole file, so the appended signatures break it:"
+if ! rpm -K --nosignature own-sealkeep.rpm; then
+  echo "(so an installer of signed packages passes --nodigest and relies on sealkeep's verification)"
+fi
+osroot="$work/os-root"
+mkdir -p "$osroot"
+show rpm --root "$osroot" --nodigest --nodeps -i "${own[@]}"
+show rpm --root "$osroot" -qa
+
+step "The scratch root's trust database admits them; their IMA signatures go onto the installed files."
+export SEALKEEP_ROOTFS="$osroot"
+mkdir -p "$osroot/etc/sealkeep" "$osroot/var/lib/sealkeep" "$osroot/run"
+cat > "$osroot/etc/sealkeep/sealkeep.conf" <<CONF
+[main]
+database_path=$osroot/var/lib/sealkeep/trust.db
+root_ca_cert_path=$work/ca.pem
+revocation_conf=$osroot/etc/sealkeep/revocation.conf
+developermode_init_conf=$osroot/etc/sealkeep/developermode.conf
+developermode_runtime_conf=$osroot/run/developermode.conf
+system_developer_keyid_path=$osroot/etc/sealkeep/system_developer_keyid
+CONF
+printf '[revoke]\n[revoke-on-bind]\n' > "$osroot/etc/sealkeep/revocation.conf"
+printf '[developermode]\nenabled=false\n' > "$osroot/etc/sealkeep/developermode.conf"
+for name in sealkeep sealkeep-devel sealkeep-tools; do
+  show sealkeep db install "$name" "own-$name.rpm"
+done
+for package in "${own[@]}"; do
+  show sealkeep ima apply "$package" --root "$osroot" "${attr_flag[@]}"
+done
+libdir=$(rpm --eval '%{_libdir}')
+getfattr -n "$attr_name" -e hex "$osroot$libdir/libsealkeep.so.$version" 2>/dev/null
+
+step "The command installed in the scratch root runs from there (its library found in the root's $libdir)."
+installed=(env LD_LIBRARY_PATH="$osroot$libdir" "$osroot/usr/bin/sealkeep")
+show "${installed[@]}" --version
+show "${installed[@]}" verify "${own[@]}" --ca ca.pem
+show "${installed[@]}" db list
+unset SEALKEEP_ROOTFS
 
 step "done"

@@ -14,6 +14,8 @@ packages=(
   strace e2fsprogs util-linux mount
   libcli11-dev nlohmann-json3-dev help2man
   softhsm2 libengine-pkcs11-openssl opensc
+  # Packaging: rpmbuild comes with rpm; the Debian packages and their checks.
+  dpkg-dev debhelper fakeroot lintian
 )
 
 SUDO=""
