@@ -6,11 +6,13 @@
 #include <cerrno>
 #include <iostream>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "file_with_cmses_impl.hpp"
 #include "package_lock.hpp"
+#include "package_rewrite.hpp"
 #include "signed_file_layout.hpp"
 
 namespace PackageSignatures {
@@ -38,6 +40,9 @@ std::unique_ptr<FileWithCmses> FileWithCmses::fromPath(char const* path, char co
     FILE* file = fopen(path, mode);
     if (!file)
         return nullptr;
+    // The lock lives with the descriptor: a child the caller starts must not
+    // inherit it.
+    fcntl(fileno(file), F_SETFD, FD_CLOEXEC);
     auto opened = std::make_unique<FileWithCmses>(file);
     opened->impl_->path = path;
     opened->impl_->mode = mode;
@@ -127,6 +132,8 @@ FileWithCmses::LockStatus FileWithCmses::lockForWriting(std::chrono::millisecond
             return LockStatus::Locked;
         }
         FILE* current = fopen(impl_->path.c_str(), impl_->mode.c_str());
+        if (current)
+            fcntl(fileno(current), F_SETFD, FD_CLOEXEC);
         if (!current) {
             unlockFile(fd());
             return LockStatus::Failed;
@@ -171,6 +178,8 @@ bool FileWithCmses::deleteCmses(bool onlyLast)
     WriteLockScope lock(*this);
     if (!lock.held() || !isRegularFile(fd()))
         return false;
+    if (!impl_->path.empty())
+        removeLeftoverVersion(impl_->path);
     auto locations = locateCmses(impl_->file);
     if (locations.empty())
         return true;

@@ -31,6 +31,8 @@ public:
     WriteLockScope& operator=(WriteLockScope const&) = delete;
 
     bool held() const { return held_; }
+    // Whether this scope took the lock (and so releases it).
+    bool takenHere() const { return taken_; }
 
 private:
     FileWithCmses& file_;

@@ -4,16 +4,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 #include <utility>
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,52 +20,13 @@
 namespace PackageSignatures {
 namespace {
 
-// A version that a writer named just before its rename is called
-// ".NAME.sealkeep-PID-RANDOM", so that a later writer can tell which ones
-// were left by a writer that no longer runs.
-std::string leftoverPrefix(std::string const& name)
+// What a writer calls its new version just before the rename (or, where
+// the file system has no unnamed files, all along): one name per package.
+// Writers of a package hold its lock, so a file of that name found under the
+// lock was left by a writer that was killed.
+std::string leftoverName(std::string const& name)
 {
-    return "." + name + ".sealkeep-";
-}
-
-bool processIsGone(pid_t pid)
-{
-    return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
-}
-
-// Removes the named versions of this package whose writer has ended (it
-// was killed between naming its version and renaming it). Called under the
-// package's write lock, so no live writer of this package is in that step.
-void removeLeftovers(int directoryFd, std::string const& name)
-{
-    int scanFd = openat(directoryFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* directory = scanFd < 0 ? nullptr : fdopendir(scanFd);
-    if (!directory) {
-        if (scanFd >= 0)
-            close(scanFd);
-        return;
-    }
-    const std::string prefix = leftoverPrefix(name);
-    while (dirent* entry = readdir(directory)) {
-        if (std::strncmp(entry->d_name, prefix.c_str(), prefix.size()) != 0)
-            continue;
-        const char* pid = entry->d_name + prefix.size();
-        char* end = nullptr;
-        long value = std::strtol(pid, &end, 10);
-        if (end != pid && *end == '-' && value > 0 && value <= INT_MAX && processIsGone(static_cast<pid_t>(value)))
-            unlinkat(directoryFd, entry->d_name, 0);
-    }
-    closedir(directory);
-}
-
-std::string randomSuffix()
-{
-    static constexpr char letters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-    std::random_device device;
-    std::string suffix;
-    for (int i = 0; i < 8; ++i)
-        suffix += letters[device() % (sizeof letters - 1)];
-    return suffix;
+    return "." + name + ".sealkeep-new";
 }
 
 // Gives the new version the package's permissions and, where allowed, its
@@ -87,41 +44,30 @@ void copyOwnership(int from, int to)
 }
 
 // An unnamed file in the directory (it disappears with its last descriptor,
-// also when the writer is killed); where the file system has none, a named
-// one that removeLeftovers finds if the writer dies.
+// also when the writer is killed); where the file system has none, the
+// named one.
 int openNewVersion(int directoryFd, std::string const& name, std::string& namedAs)
 {
     int fd = openat(directoryFd, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
     if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
-    for (int attempt = 0; attempt < 16; ++attempt) {
-        std::string candidate = leftoverPrefix(name) + std::to_string(getpid()) + "-" + randomSuffix();
-        fd = openat(directoryFd, candidate.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
-        if (fd >= 0) {
-            namedAs = candidate;
-            return fd;
-        }
-        if (errno != EEXIST)
-            return -1;
-    }
-    return -1;
+    fd = openat(directoryFd, leftoverName(name).c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
+    if (fd >= 0)
+        namedAs = leftoverName(name);
+    return fd;
 }
 
-// Gives the unnamed file a name in the directory, so that it can be renamed.
+// Gives the unnamed file its name in the directory, so that it can be
+// renamed.
 bool nameNewVersion(int fd, int directoryFd, std::string const& name, std::string& namedAs)
 {
     const std::string self = "/proc/self/fd/" + std::to_string(fd);
-    for (int attempt = 0; attempt < 16; ++attempt) {
-        std::string candidate = leftoverPrefix(name) + std::to_string(getpid()) + "-" + randomSuffix();
-        if (linkat(AT_FDCWD, self.c_str(), directoryFd, candidate.c_str(), AT_SYMLINK_FOLLOW) == 0 ||
-            linkat(fd, "", directoryFd, candidate.c_str(), AT_EMPTY_PATH) == 0) {
-            namedAs = candidate;
-            return true;
-        }
-        if (errno != EEXIST)
-            return false;
-    }
-    return false;
+    const std::string candidate = leftoverName(name);
+    if (linkat(AT_FDCWD, self.c_str(), directoryFd, candidate.c_str(), AT_SYMLINK_FOLLOW) != 0 &&
+        linkat(fd, "", directoryFd, candidate.c_str(), AT_EMPTY_PATH) != 0)
+        return false;
+    namedAs = candidate;
+    return true;
 }
 
 std::string baseName(std::string const& path)
@@ -158,7 +104,7 @@ std::unique_ptr<PackageRewrite> PackageRewrite::begin(std::string const& path, i
     int directoryFd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (directoryFd < 0)
         return nullptr;
-    removeLeftovers(directoryFd, baseName(target));
+    unlinkat(directoryFd, leftoverName(baseName(target)).c_str(), 0);
     std::string namedAs;
     int fd = openNewVersion(directoryFd, baseName(target), namedAs);
     if (fd < 0) {
@@ -202,17 +148,21 @@ int PackageRewrite::commit()
         return -1;
     if (name_.empty() && !nameNewVersion(fd_, directoryFd_, baseName(target_), name_))
         return -1;
-    if (renameat(directoryFd_, name_.c_str(), AT_FDCWD, target_.c_str()) != 0)
+    if (renameat(directoryFd_, name_.c_str(), directoryFd_, baseName(target_).c_str()) != 0)
         return -1;  // the destructor removes the named version
     name_.clear();
-    const int fd = std::exchange(fd_, -1);
-    if (fsync(directoryFd_) != 0) {
-        int saved = errno;
-        close(fd);
-        errno = saved;
-        return -1;
-    }
-    return fd;
+    durable_ = fsync(directoryFd_) == 0;
+    return std::exchange(fd_, -1);
+}
+
+void removeLeftoverVersion(std::string const& path)
+{
+    char* resolved = realpath(path.c_str(), nullptr);
+    if (!resolved)
+        return;
+    std::string target(resolved);
+    free(resolved);
+    unlink((directoryOf(target) + "/" + leftoverName(baseName(target))).c_str());
 }
 
 }  // namespace PackageSignatures

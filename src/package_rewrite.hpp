@@ -20,7 +20,7 @@ public:
     // path (through symbolic links: the file they lead to is replaced, not
     // the link): an unnamed file in the package's directory with its
     // permissions and, where the caller may set them, its owner and group.
-    // Also removes what killed writers of this package left behind. Null,
+    // Also removes what a killed writer of this package left behind. Null,
     // with errno set, when the directory takes no new file or path no longer
     // names the open package.
     static std::unique_ptr<PackageRewrite> begin(std::string const& path, int packageFd);
@@ -45,10 +45,11 @@ public:
     // directory. Returns its descriptor, now the caller's to close, with the
     // write lock already taken on it, so that a writer that opens the new
     // version waits as it would have for the old one; -1 with errno set on
-    // failure, when the package is as it was (unless only the final sync of
-    // the directory failed: the new version is then in place, but perhaps
-    // not yet durable).
+    // failure, when the package is as it was. When only the final sync of the
+    // directory failed, the new version is in place but durable() is false
+    // (errno tells why).
     int commit();
+    bool durable() const { return durable_; }
 
 private:
     PackageRewrite(std::string target, int directoryFd, int fd, std::string name);
@@ -57,7 +58,12 @@ private:
     int directoryFd_;
     int fd_;
     std::string name_;       // empty while the new version is an unnamed file
+    bool durable_ = false;
 };
+
+// Removes the new version of the package at path that a writer killed just
+// before its rename left behind. Call under the package's write lock.
+void removeLeftoverVersion(std::string const& path);
 
 }  // namespace PackageSignatures
 

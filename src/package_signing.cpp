@@ -10,6 +10,7 @@
 #include <optional>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -195,12 +196,23 @@ int signIntoNewVersion(std::string const& path, int fd, std::int64_t rangeBegin,
     // failed signing, with errno still telling why.
     if (block.empty())
         return errno == EFBIG || errno == ENOSPC || errno == EDQUOT || errno == EIO ? cannotWrite() : -1;
+    // The new version holds exactly the kept bytes before its block, or a
+    // short read or copy went unnoticed.
+    struct stat status {};
+    if (fstat(rewrite->fd(), &status) != 0 || status.st_size != end) {
+        if (errno == 0)
+            errno = EIO;
+        return cannotWrite();
+    }
     if (!rewrite->append(block.data(), block.size()))
         return cannotWrite();
     int signedFd = rewrite->commit();
     if (signedFd < 0) {
         std::cerr << "sealkeep: cannot put the new version of " << path << " in place: " << strerror(errno)
                   << std::endl;
+    } else if (!rewrite->durable()) {
+        std::cerr << "sealkeep: the new version of " << path
+                  << " is in place, but its directory could not be synced: " << strerror(errno) << std::endl;
     }
     return signedFd;
 }
@@ -249,11 +261,17 @@ bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsi
     const int signedFd = signIntoNewVersion(impl_->path, fd(), plan.rangeBegin, end, size, signer);
     if (signedFd < 0)
         return false;
-    // The object follows the package to its new version (already locked).
-    if (FILE* stream = fdopen(signedFd, "r+"))
-        impl_->replaceStream(stream);
-    else
+    // The object follows the package to its new version (already locked);
+    // should that fail, it reopens the path, which names the new version.
+    FILE* stream = fdopen(signedFd, "r+");
+    if (!stream) {
         close(signedFd);
+        stream = fopen(impl_->path.c_str(), "r+e");
+        if (stream && impl_->locked && !lock.takenHere())
+            flock(fileno(stream), LOCK_EX);
+    }
+    if (stream)
+        impl_->replaceStream(stream);
     return true;
 }
 

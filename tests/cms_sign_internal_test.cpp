@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include <glib.h>
+
 #include <gtest/gtest.h>
 
 #include "common/bio_source.hpp"
@@ -14,6 +16,7 @@
 #include "support/pki.hpp"
 #include "support/process.hpp"
 #include "support/stderr_capture.hpp"
+#include "support/temp_dir.hpp"
 #include "tk26sig/cms_sign.hpp"
 
 namespace sealkeep::test {
@@ -111,6 +114,36 @@ protected:
     static inline std::unique_ptr<Pki> pki;
     static inline std::unique_ptr<Identity> a, b;
 };
+
+// OpenSSL takes a failed read of the content for its end: a signature over
+// a range whose read or copy fails part way must not be made over the part.
+TEST_F(RotationChainEnd, AFileRangeThatCannotBeReadOrCopiedWholeIsNotSigned)
+{
+    TempDir dir;
+    std::string path = dir.file("range.bin");
+    writeFile(path, patternBytes(100000, 5));
+    int fd = ::open(path.c_str(), O_RDONLY);
+    int full = ::open("/dev/full", O_WRONLY);
+    ASSERT_GE(fd, 0);
+    X509Ptr cert = loadCertificate(a->certPath);
+    PkeyPtr key = loadKey(a->keyPath);
+    std::size_t length = 0;
+    for (SignedRange const& range : {SignedRange::ofFile(fd, 0, 100000 + 100), SignedRange::ofFile(fd, 0, 100000, full)}) {
+        if (range.copyTo >= 0 && full < 0)
+            continue;
+        std::string errors = stderrOf([&] {
+            EXPECT_EQ(nullptr, signRange(range, 0, key.get(), nullptr, 0, cert.get(), nullptr, &length));
+        });
+        EXPECT_EQ("CMS signing failed\n", errors);
+    }
+    unsigned char* whole = nullptr;
+    stderrOf([&] { whole = signRange(SignedRange::ofFile(fd, 0, 100000), 0, key.get(), nullptr, 0, cert.get(), nullptr, &length); });
+    EXPECT_NE(nullptr, whole);
+    g_free(whole);
+    ::close(fd);
+    if (full >= 0)
+        ::close(full);
+}
 
 TEST_F(RotationChainEnd, EmptyChainIsMalformed)
 {

@@ -151,23 +151,19 @@ TEST_F(PackageWriting, ADirectoryThatTakesNoNewFileLeavesThePackageAsItWas)
 }
 
 // A writer killed between naming its new version and renaming it leaves the
-// named version; the next writer of that package removes it, but never the
-// file of a writer that still runs.
+// named version; the next writer of that package (signing or stripping)
+// removes it, and never another package's.
 TEST_F(PackageWriting, TheNextWriterRemovesWhatAKilledWriterLeft)
 {
-    pid_t gone = fork();
-    if (gone == 0)
-        _exit(0);
-    waitpid(gone, nullptr, 0);
-    std::string dead = ".package.bin.sealkeep-" + std::to_string(gone) + "-abcdefgh";
-    std::string alive = ".package.bin.sealkeep-" + std::to_string(getpid()) + "-abcdefgh";
-    std::string other = ".other.bin.sealkeep-" + std::to_string(gone) + "-abcdefgh";
-    for (auto const& name : {dead, alive, other})
+    const std::string left = ".package.bin.sealkeep-new";
+    const std::string other = ".other.bin.sealkeep-new";
+    for (auto const& name : {left, other})
         writeText(dir.file(name), "left\n");
     ASSERT_TRUE(signFile(path, pki->developer()));
-    std::vector<std::string> expected{alive, other, "package.bin"};
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(directoryEntries(), expected);
+    EXPECT_EQ(directoryEntries(), (std::vector<std::string>{other, "package.bin"}));
+    writeText(dir.file(left), "left\n");
+    ASSERT_TRUE(FileWithCmses::fromPath(path.c_str(), "r+")->deleteCmses(true));
+    EXPECT_EQ(directoryEntries(), (std::vector<std::string>{other, "package.bin"}));
 }
 
 // Past the file-size limit every write fails (SIGXFSZ ignored): the new

@@ -86,6 +86,8 @@ bool signPackage(std::string const& path, PackageSignatures::Group group, Creden
     // An interruption while waiting for the lock ends the command at once;
     // from here on it waits for this package.
     WriteInProgress writing;
+    if (interruptionPending())
+        return false;  // honoured as writing ends, before anything is written
     std::string refusal = refusalOf(*file, group, options.replace);
     if (refusal.empty())
         refusal = fileSizeLimitRefusal(*file, options.replace);

@@ -25,6 +25,8 @@ int runStrip(StripOptions const& options)
     if (!file)
         return statusFailed;
     WriteInProgress writing;
+    if (interruptionPending())
+        return statusFailed;  // honoured as writing ends, before anything is written
     std::size_t before = file->cmses().size();
     if (before == 0) {
         printLine(options.package + ": no signatures to remove");

@@ -197,8 +197,10 @@ bool finalise(CMS_ContentInfo* cms, RangeSource const& source)
     // The payload walk reads a temporary file through a duplicate of its
     // descriptor, which shares the file offset, so it is read again from
     // its start.
+    // CMS_final takes a failed read for the end of the content: only a BIO
+    // read to its very end has given the whole range.
     if ((source.rewind && lseek(source.walkFd, 0, SEEK_SET) != 0) ||
-        !CMS_final(cms, source.bio.get(), nullptr, signingFlags)) {
+        !CMS_final(cms, source.bio.get(), nullptr, signingFlags) || BIO_eof(source.bio.get()) != 1) {
         fprintf(stderr, "CMS signing failed\n");
         return false;
     }

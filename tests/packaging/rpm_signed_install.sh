@@ -67,7 +67,7 @@ done
 # Each installed regular file gets its IMA signature; user.ima, since
 # security.* may not be writable where the build tree lies.
 for name in "${packages[@]}"; do
-  "$sealkeep" ima apply "$name.rpm" --root "$root" --xattr-user
+  SEALKEEP_ROOTFS="$root" "$sealkeep" ima apply "$name.rpm" --root "$root" --xattr-user
 done
 if command -v getfattr >/dev/null 2>&1; then
   library=$(rpm --eval '%{_libdir}')/libsealkeep.so.$version
