@@ -17,13 +17,6 @@
 
 namespace PackageSignatures {
 
-void FileWithCmses::Impl::replaceStream(FILE* other)
-{
-    if (file)
-        fclose(file);
-    file = other;
-}
-
 FileWithCmses::FileWithCmses(FILE* file) : impl_(std::make_unique<Impl>())
 {
     impl_->file = file;

@@ -17,8 +17,14 @@ struct FileWithCmses::Impl {
     bool locked = false;
 
     // Closes the stream and takes over another one (after a rewrite, or a
-    // reopen of the path).
-    void replaceStream(FILE* other);
+    // reopen of the path). Inline, so that it stays out of the exported
+    // symbols.
+    void replaceStream(FILE* other)
+    {
+        if (file)
+            fclose(file);
+        file = other;
+    }
 };
 
 // Holds the write lock for one operation, unless the caller already holds
