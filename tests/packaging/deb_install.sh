@@ -31,6 +31,6 @@ done
 [ "$(machine_state)" = "$before" ] || fail "the machine's own package database changed"
 
 export LD_LIBRARY_PATH="$root/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
-output=$("$root/usr/bin/sealkeep" --version)
+output=$("$root/usr/bin/sealkeep" --version | head -n 1)
 [ "$output" = "sealkeep $version" ] || fail "sealkeep --version printed: $output"
 echo "installed in $root: $output"
