@@ -8,9 +8,11 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/xattr.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,9 +31,43 @@ std::string leftoverName(std::string const& name)
     return "." + name + ".sealkeep-new";
 }
 
+// Extended attributes that describe the content itself (IMA and EVM
+// signatures) would be wrong for the new content; every other one (ACLs, a
+// security label, a user's own) belongs to the package and goes over.
+bool describesContent(std::string const& name)
+{
+    return name == "security.ima" || name == "security.evm";
+}
+
+// Copies what extended attributes the writer may read and set; one that
+// cannot be copied is left behind, as any rewrite would.
+void copyExtendedAttributes(int from, int to)
+{
+    ssize_t listed = flistxattr(from, nullptr, 0);
+    if (listed <= 0)
+        return;
+    std::vector<char> names(static_cast<std::size_t>(listed));
+    listed = flistxattr(from, names.data(), names.size());
+    if (listed <= 0)
+        return;
+    std::vector<char> value;
+    for (std::size_t at = 0; at < static_cast<std::size_t>(listed);) {
+        std::string name(names.data() + at);
+        at += name.size() + 1;
+        ssize_t size = describesContent(name) ? -1 : fgetxattr(from, name.c_str(), nullptr, 0);
+        if (size < 0)
+            continue;
+        value.resize(static_cast<std::size_t>(size));
+        size = fgetxattr(from, name.c_str(), value.data(), value.size());
+        if (size >= 0)
+            fsetxattr(to, name.c_str(), value.data(), static_cast<std::size_t>(size), 0);
+    }
+}
+
 // Gives the new version the package's permissions and, where allowed, its
 // owner and group (only root may give a file away; anybody may give it one
-// of his own groups). The owner goes first: changing it clears set-id bits.
+// of his own groups) and extended attributes. The owner goes first: changing
+// it clears set-id bits.
 void copyOwnership(int from, int to)
 {
     struct stat status {};
@@ -41,6 +77,7 @@ void copyOwnership(int from, int to)
         // Keeps the writer's own owner and group, as any rewrite does.
     }
     fchmod(to, status.st_mode & 07777);
+    copyExtendedAttributes(from, to);
 }
 
 // An unnamed file in the directory (it disappears with its last descriptor,

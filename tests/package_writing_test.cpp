@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -93,6 +94,24 @@ TEST_F(PackageWriting, SigningReplacesThePackageAndLeavesNothingBeside)
     EXPECT_EQ(after.st_mode & 07777, 0640u);
     EXPECT_EQ(after.st_uid, before.st_uid);
     EXPECT_EQ(directoryEntries(), std::vector<std::string>{"package.bin"});
+}
+
+// What describes the package file goes over to the new version; an IMA
+// signature of the old content does not.
+TEST_F(PackageWriting, SigningKeepsTheExtendedAttributesThatStillHold)
+{
+    const char note[] = "kept";
+    if (setxattr(path.c_str(), "user.note", note, sizeof note - 1, 0) != 0)
+        GTEST_SKIP() << "this file system takes no user attributes";
+    const char stale[] = "\x03\x02stale";
+    bool imaSet = setxattr(path.c_str(), "security.ima", stale, sizeof stale - 1, 0) == 0;
+    ASSERT_TRUE(signFile(path, pki->developer()));
+    char value[16] = {};
+    ASSERT_EQ(getxattr(path.c_str(), "user.note", value, sizeof value), 4);
+    EXPECT_EQ(std::string(value, 4), "kept");
+    if (imaSet) {
+        EXPECT_EQ(getxattr(path.c_str(), "security.ima", value, sizeof value), -1);
+    }
 }
 
 TEST_F(PackageWriting, AReaderOfTheOldVersionKeepsReadingIt)

@@ -133,7 +133,8 @@ public:
     // client; at most three. With replace, a newest block of the same group
     // (or, for a developer, every block) is cut away. The signature is made
     // before anything is written, over the range as it stands after the cut,
-    // and a refusal or failure leaves the file as it was. A signature too
+    // and a refusal or failure leaves the file as it was (on an object made
+    // by fromPath(); see "Writing" above for one made from a FILE*). A signature too
     // large for one block (see README, "Limits") is refused with a message.
     // skippableFrame writes version 3 instead of 2. taKey may be null;
     // rotationChain may be null. Nothing is freed or kept. Only a regular
