@@ -191,7 +191,7 @@ c++ -std=c++17 -o "$work/sealkeep-example" examples/sealkeep_example.cpp $(pkg-c
 show "$work/sealkeep-example" "$work/demo.rpm" "$work/ca.pem"
 
 step "sealkeep's own packages: RPMs built from the source archive of the dist target."
-version=$(sealkeep --version | sed 's/^sealkeep //')
+version=$(sealkeep --version | head -n 1 | sed 's/^sealkeep //')
 cmake --build build-release --target dist
 rpmtop="$work/rpmbuild"
 mkdir -p "$rpmtop/SOURCES"
