@@ -12,9 +12,9 @@
 //   sealkeep_bench --benchmark_filter=VerifyGibPackage
 //
 // Signing the same 1 GiB package as developer (no per-file signatures: it is
-// not an RPM package) next to the same floor. Signing writes the package
-// anew beside itself while it digests it, syncs it and renames it into
-// place; all of that is inside the timed call. Its peak resident memory is
+// not an RPM package) next to the same floor. Signing copies the package
+// beside itself on a second thread while it digests the copy, syncs it and
+// renames it into place; all of that is inside the timed call. Its peak resident memory is
 // printed the same way, and so is the largest file it left in the temporary
 // directory (tmp_files_MiB: none is made).
 //

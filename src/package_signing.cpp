@@ -17,6 +17,7 @@
 #include <sealkeep/file_with_cmses.hpp>
 #include <sealkeep/sealkeep.h>
 
+#include "common/background_copy.hpp"
 #include "common/chunked_io.hpp"
 #include "common/ossl_ptr.hpp"
 #include "file_with_cmses_impl.hpp"
@@ -163,13 +164,11 @@ bool openForWriting(int fd)
     return flags != -1 && (flags & O_ACCMODE) != O_RDONLY;
 }
 
-// A new version of the package: [0, rangeBegin) copied, then the signed
-// range [rangeBegin, end) copied while it is digested, then the block. A
-// developer replacement copies [0, end) first and signs the copy, so that
-// the payload walk, which reads a whole file, sees nothing after the cut.
+// A new version of the package: [0, end) copied, the signed range
+// [rangeBegin, end) digested from the copy as it is made, then the block.
 // Returns the new version's descriptor, or -1.
 int signIntoNewVersion(std::string const& path, int fd, std::int64_t rangeBegin, std::int64_t end,
-                       std::int64_t size, Signer const& signer)
+                       Signer const& signer)
 {
     // errno of the step that failed; a signing failure has printed its own.
     auto cannotWrite = [&path] {
@@ -180,22 +179,23 @@ int signIntoNewVersion(std::string const& path, int fd, std::int64_t rangeBegin,
     auto rewrite = PackageRewrite::begin(path, fd);
     if (!rewrite)
         return cannotWrite();
+    // The kept bytes are copied on another processor while this one digests
+    // the range from the copy, behind it; the payload walk reads the package.
     std::vector<unsigned char> block;
-    const auto length = static_cast<std::size_t>(end - rangeBegin);
-    errno = 0;
-    if (rangeBegin == 0 && end < size) {
-        if (!rewrite->copyFrom(fd, 0, end))
+    {
+        sealkeep::BackgroundCopy copy(fd, rewrite->fd(), end);
+        errno = 0;
+        block = signedBlock(sealkeep::SignedRange::ofFile(fd, rangeBegin, static_cast<std::size_t>(end - rangeBegin),
+                                                          &copy),
+                            signer);
+        // A digest that could not read the copy fails the signing: the
+        // copy's error is the answer then. A signing that failed for its own
+        // reason (printed) stops the copy here.
+        if (block.empty())
+            return copy.unfailed() ? -1 : cannotWrite();
+        if (!copy.finish())
             return cannotWrite();
-        block = signedBlock(sealkeep::SignedRange::ofFile(rewrite->fd(), 0, length), signer);
-    } else {
-        if (!rewrite->copyFrom(fd, 0, rangeBegin))
-            return cannotWrite();
-        block = signedBlock(sealkeep::SignedRange::ofFile(fd, rangeBegin, length, rewrite->fd()), signer);
     }
-    // The digest reads the range through the copy: a failed copy shows as a
-    // failed signing, with errno still telling why.
-    if (block.empty())
-        return errno == EFBIG || errno == ENOSPC || errno == EDQUOT || errno == EIO ? cannotWrite() : -1;
     // The new version holds exactly the kept bytes before its block, or a
     // short read or copy went unnoticed.
     struct stat status {};
@@ -258,7 +258,7 @@ bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsi
     if (impl_->path.empty())
         return signInPlace(fd(), plan.cut, plan.rangeBegin, end, signer);
 
-    const int signedFd = signIntoNewVersion(impl_->path, fd(), plan.rangeBegin, end, size, signer);
+    const int signedFd = signIntoNewVersion(impl_->path, fd(), plan.rangeBegin, end, signer);
     if (signedFd < 0)
         return false;
     // The object follows the package to its new version (already locked);

@@ -5,12 +5,15 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <glib.h>
 
 #include <gtest/gtest.h>
 
+#include "common/background_copy.hpp"
 #include "common/bio_source.hpp"
 #include "support/files.hpp"
 #include "support/pki.hpp"
@@ -128,9 +131,13 @@ TEST_F(RotationChainEnd, AFileRangeThatCannotBeReadOrCopiedWholeIsNotSigned)
     X509Ptr cert = loadCertificate(a->certPath);
     PkeyPtr key = loadKey(a->keyPath);
     std::size_t length = 0;
-    for (SignedRange const& range : {SignedRange::ofFile(fd, 0, 100000 + 100), SignedRange::ofFile(fd, 0, 100000, full)}) {
-        if (range.copyTo >= 0 && full < 0)
-            continue;
+    std::optional<BackgroundCopy> failingCopy;
+    if (full >= 0)
+        failingCopy.emplace(fd, full, 100000);
+    std::vector<SignedRange> ranges{SignedRange::ofFile(fd, 0, 100000 + 100)};
+    if (failingCopy)
+        ranges.push_back(SignedRange::ofFile(fd, 0, 100000, &*failingCopy));
+    for (SignedRange const& range : ranges) {
         std::string errors = stderrOf([&] {
             EXPECT_EQ(nullptr, signRange(range, 0, key.get(), nullptr, 0, cert.get(), nullptr, &length));
         });

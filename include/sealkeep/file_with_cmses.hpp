@@ -18,7 +18,10 @@
 // unnamed file in the package's directory and renames it over the package
 // (a writable directory is needed; links to the package elsewhere keep the
 // old version, like any rename-based rewrite), after which the object refers
-// to the new file: fd() changes. deleteCmses() truncates in place, which is
+// to the new file: fd() changes. The copy into the new version is made by a
+// thread sign() starts and joins before it returns (it only copies file
+// bytes; every OpenSSL call stays on the caller's thread), so that it runs
+// beside the digest. deleteCmses() truncates in place, which is
 // one atomic step. An object made from a FILE* has no path to rename to: its
 // sign() signs first and then cuts and appends in place, which a kill during
 // the append can leave torn; use fromPath() for packages that matter.

@@ -11,8 +11,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/background_copy.hpp"
 #include "common/bio_source.hpp"
-#include "common/chunked_io.hpp"
 
 namespace sealkeep {
 namespace {
@@ -43,16 +43,14 @@ private:
     std::size_t left_;
 };
 
-// Reads ahead one piece at a time: OpenSSL asks for less than a piece per
-// call, and one pread per piece keeps the system calls few. With a copy
-// target, every piece read is also appended there, so that a range is copied
-// in the same pass that digests it; the pieces are then larger, since each
-// costs two system calls and a copy of a package is written whole.
+// Reads ahead one piece at a time: OpenSSL asks for a few kilobytes per
+// call, and one pread per large piece keeps the system calls few. A source
+// that follows a copy reads each piece only once the copy has written it.
 class FileRangeSource : public Source {
 public:
-    FileRangeSource(int fd, std::int64_t begin, std::int64_t end, int copyTo)
-        : fd_(fd), next_(begin), end_(end), copyTo_(copyTo), behind_(copyTo),
-          buffer_(copyTo >= 0 ? copyingPieceSize : ioPieceSize)
+    FileRangeSource(int fd, std::int64_t begin, std::int64_t end, BackgroundCopy* copy)
+        : fd_(fd), next_(begin), end_(end), copy_(copy),
+          buffer_(static_cast<std::size_t>(std::min<std::int64_t>(end - begin, pieceSize)))
     {
     }
     long read(unsigned char* out, std::size_t len) override
@@ -67,7 +65,7 @@ public:
     bool atEnd() const override { return used_ == filled_ && next_ >= end_; }
 
 private:
-    static constexpr std::size_t copyingPieceSize = 256 * 1024;
+    static constexpr std::int64_t pieceSize = 256 * 1024;
 
     bool refill()
     {
@@ -75,17 +73,14 @@ private:
         if (next_ >= end_)
             return true;
         auto want = static_cast<std::size_t>(std::min<std::int64_t>(buffer_.size(), end_ - next_));
+        if (copy_ && !copy_->waitFor(next_ + static_cast<std::int64_t>(want)))
+            return false;
         ssize_t got = 0;
         do
             got = pread(fd_, buffer_.data(), want, static_cast<off_t>(next_));
         while (got == -1 && errno == EINTR);
         if (got <= 0)  // an error, or a file cut short after it was scanned
             return false;
-        if (copyTo_ >= 0) {
-            if (!writeFully(copyTo_, buffer_.data(), static_cast<std::size_t>(got)))
-                return false;
-            behind_.wrote(static_cast<std::size_t>(got));
-        }
         filled_ = static_cast<std::size_t>(got);
         next_ += got;
         return true;
@@ -94,8 +89,7 @@ private:
     int fd_;
     std::int64_t next_;
     std::int64_t end_;
-    int copyTo_;
-    WriteBehind behind_;
+    BackgroundCopy* copy_;
     std::vector<unsigned char> buffer_;
     std::size_t used_ = 0;
     std::size_t filled_ = 0;
@@ -169,13 +163,13 @@ BIO* bioStreamingBytes(const unsigned char* data, std::size_t len)
     return bioOver(std::make_unique<MemorySource>(data, len));
 }
 
-BIO* bioOverFileRange(int fd, std::int64_t begin, std::int64_t end, int copyTo)
+BIO* bioOverFileRange(int fd, std::int64_t begin, std::int64_t end, BackgroundCopy* copy)
 {
     if (fd < 0 || begin < 0 || end < begin)
         return nullptr;
     // Only a hint: sequential reading doubles the kernel's read-ahead.
     posix_fadvise(fd, static_cast<off_t>(begin), static_cast<off_t>(end - begin), POSIX_FADV_SEQUENTIAL);
-    return bioOver(std::make_unique<FileRangeSource>(fd, begin, end, copyTo));
+    return bioOver(std::make_unique<FileRangeSource>(fd, begin, end, copy));
 }
 
 }  // namespace sealkeep

@@ -11,6 +11,7 @@
 #include <openssl/cms.h>
 #include <unistd.h>
 
+#include "common/background_copy.hpp"
 #include "common/bio_source.hpp"
 #include "common/chunked_io.hpp"
 #include "common/digests.hpp"
@@ -84,8 +85,9 @@ std::optional<RangeSource> openRange(SignedRange const& range)
         return source;
     }
     const auto begin = static_cast<std::int64_t>(range.offset);
-    source.bio.reset(bioOverFileRange(range.fd, begin, begin + static_cast<std::int64_t>(range.length),
-                                      range.copyTo));
+    const int digested = range.copy ? range.copy->target() : range.fd;
+    source.bio.reset(bioOverFileRange(digested, begin, begin + static_cast<std::int64_t>(range.length),
+                                      range.copy));
     if (!source.bio) {
         fprintf(stderr, "Could not create BIO over file range\n");
         return std::nullopt;

@@ -11,6 +11,8 @@
 
 namespace sealkeep {
 
+class BackgroundCopy;
+
 // True when the newest certificate of a non-empty chain has the same key id
 // as cert (two certificates without a key id count as the same). Prints why
 // when it is false.
@@ -19,25 +21,26 @@ bool rotationChainEndsAt(ProofOfRotationChain* chain, X509* cert);
 // Where the bytes to sign come from: the caller's memory, or a range of an
 // open file read with pread() (the descriptor's offset is left alone).
 // Bytes in memory are copied into a temporary file, which the payload walk
-// reads through librpm. A file range is digested straight from the file,
-// in pieces, and never copied anywhere, except to copyTo when one is given
-// (a descriptor appended to in the same pass); the payload walk reads the
-// file itself, so its range must begin at 0 to carry per-file signatures.
+// reads through librpm. A file range is digested straight from the file, in
+// pieces, and never copied anywhere; the payload walk reads the file itself,
+// so its range must begin at 0 to carry per-file signatures. With a copy of
+// the file under way (copy's source is fd), the range is digested from the
+// copy, behind it, so that the signature covers exactly what the copy holds.
 struct SignedRange {
     static SignedRange inMemory(const unsigned char* data, std::size_t length)
     {
-        return {data, -1, 0, length, -1};
+        return {data, -1, 0, length, nullptr};
     }
-    static SignedRange ofFile(int fd, off_t offset, std::size_t length, int copyTo = -1)
+    static SignedRange ofFile(int fd, off_t offset, std::size_t length, BackgroundCopy* copy = nullptr)
     {
-        return {nullptr, fd, offset, length, copyTo};
+        return {nullptr, fd, offset, length, copy};
     }
 
     const unsigned char* data;
     int fd;
     off_t offset;
     std::size_t length;
-    int copyTo;
+    BackgroundCopy* copy;
 };
 
 // cms_sign over range; the same result, ownership and messages.
