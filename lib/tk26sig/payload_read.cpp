@@ -9,12 +9,9 @@
 
 namespace sealkeep {
 
-bool digestArchiveContent(rpmfi fi, EVP_MD_CTX* ctx, std::size_t size)
-{
-    return digestArchiveContent(fi, std::vector<EVP_MD_CTX*>{ctx}, size);
-}
+namespace {
 
-bool digestArchiveContent(rpmfi fi, std::vector<EVP_MD_CTX*> const& ctxs, std::size_t size)
+bool digestInto(rpmfi fi, EVP_MD_CTX* const* ctxs, std::size_t count, std::size_t size)
 {
     unsigned char piece[payloadPieceSize];
     while (size > 0) {
@@ -24,12 +21,24 @@ bool digestArchiveContent(rpmfi fi, std::vector<EVP_MD_CTX*> const& ctxs, std::s
             fprintf(stderr, "Could not read file from rpm payload\n");
             return false;
         }
-        for (EVP_MD_CTX* ctx : ctxs)
-            if (!EVP_DigestUpdate(ctx, piece, wanted))
+        for (std::size_t i = 0; i < count; ++i)
+            if (!EVP_DigestUpdate(ctxs[i], piece, wanted))
                 return false;
         size -= wanted;
     }
     return true;
+}
+
+}  // namespace
+
+bool digestArchiveContent(rpmfi fi, EVP_MD_CTX* ctx, std::size_t size)
+{
+    return digestInto(fi, &ctx, 1, size);
+}
+
+bool digestArchiveContent(rpmfi fi, std::vector<EVP_MD_CTX*> const& ctxs, std::size_t size)
+{
+    return digestInto(fi, ctxs.data(), ctxs.size(), size);
 }
 
 }  // namespace sealkeep

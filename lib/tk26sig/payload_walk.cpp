@@ -88,43 +88,42 @@ std::array<unsigned char, keyidSize> imaKeyid(X509* cert)
     return keyid;
 }
 
+// What every file is signed with. The digest and signing contexts are made
+// once for the whole payload and reused for each file.
 struct Signer {
     EVP_PKEY* key;
     const EVP_MD* md;
     std::array<unsigned char, keyidSize> keyid;
     EVP_PKEY* taKey;
     unsigned int taAlgo;
+    EVP_MD_CTX* digest;            // reset for each file
+    mutable PkeyCtxPtr signing;    // made at the first signature, then reused
 };
 
-// The digest of the current file's content, read from the archive.
-bool digestFile(rpmfi fi, const EVP_MD* md, unsigned char* out, unsigned int* outLength)
+// A signing context for key over md digests, ready for EVP_PKEY_sign.
+EVP_PKEY_CTX* newSigningContext(EVP_PKEY* key, const EVP_MD* md)
 {
-    MdCtxPtr ctx(EVP_MD_CTX_new());
-    return ctx && EVP_DigestInit(ctx.get(), md) &&
-           digestArchiveContent(fi, ctx.get(), static_cast<std::size_t>(rpmfiFSize(fi))) &&
-           EVP_DigestFinal_ex(ctx.get(), out, outLength);
-}
-
-// Signs a digest into the record's signature area; the length signed.
-std::size_t signDigest(Signer const& signer, const unsigned char* digest, unsigned int digestLength,
-                       unsigned char* out)
-{
-    PkeyCtxPtr ctx(EVP_PKEY_CTX_new(signer.key, nullptr));
+    PkeyCtxPtr ctx(EVP_PKEY_CTX_new(key, nullptr));
     if (!ctx || EVP_PKEY_sign_init(ctx.get()) <= 0 ||
-        EVP_PKEY_CTX_ctrl(ctx.get(), -1, EVP_PKEY_OP_TYPE_SIG, EVP_PKEY_CTRL_MD, 0,
-                          const_cast<EVP_MD*>(signer.md)) <= 0)
-        return 0;
-    std::size_t length = imaRecordArea - imaHeaderSize;
-    if (EVP_PKEY_sign(ctx.get(), out, &length, digest, digestLength) < 1)
-        return 0;
-    return length;
+        EVP_PKEY_CTX_ctrl(ctx.get(), -1, EVP_PKEY_OP_TYPE_SIG, EVP_PKEY_CTRL_MD, 0, const_cast<EVP_MD*>(md)) <= 0)
+        return nullptr;
+    return ctx.release();
 }
 
-// The record's first bytes, before the file is read; nothing after the
-// message when the digest has no IMA number.
-std::optional<Value> imaRecordHead(Signer const& signer)
+// The digest of the current file's content, read from the archive.
+bool digestFile(rpmfi fi, Signer const& signer, unsigned char* out, unsigned int* outLength)
 {
-    Value record(imaRecordArea, 0);
+    return EVP_DigestInit_ex(signer.digest, signer.md, nullptr) &&
+           digestArchiveContent(fi, signer.digest, static_cast<std::size_t>(rpmfiFSize(fi))) &&
+           EVP_DigestFinal_ex(signer.digest, out, outLength);
+}
+
+// The IMA record of a file with this digest: the header, then the signature
+// of the digest. Nothing on failure, after a message when the digest has no
+// IMA number.
+std::optional<Value> imaRecordOf(Signer const& signer, const unsigned char* digest, unsigned int digestLength)
+{
+    unsigned char record[imaRecordArea];
     record[0] = imaDigitalSignature;
     record[1] = imaSignatureVersion2;
     record[2] = imaHashAlgo(signer.md);
@@ -133,33 +132,26 @@ std::optional<Value> imaRecordHead(Signer const& signer)
         return std::nullopt;
     }
     std::memcpy(&record[3], signer.keyid.data(), keyidSize);
-    return record;
-}
-
-// The record begun by imaRecordHead, completed with the signature of the
-// file's digest.
-std::optional<Value> finishImaRecord(Value record, Signer const& signer, const unsigned char* digest,
-                                     unsigned int digestLength)
-{
-    std::size_t signatureLength = signDigest(signer, digest, digestLength, &record[imaHeaderSize]);
-    if (signatureLength == 0)
+    if (!signer.signing)
+        signer.signing.reset(newSigningContext(signer.key, signer.md));
+    std::size_t signatureLength = imaRecordArea - imaHeaderSize;
+    if (!signer.signing || EVP_PKEY_sign(signer.signing.get(), &record[imaHeaderSize], &signatureLength, digest, digestLength) < 1 ||
+        signatureLength == 0)
         return std::nullopt;
     record[7] = static_cast<unsigned char>(signatureLength >> 8);
     record[8] = static_cast<unsigned char>(signatureLength);
-    record.resize(imaHeaderSize + signatureLength);
-    return record;
+    return Value(record, record + imaHeaderSize + signatureLength);
 }
 
 std::optional<Value> imaRecord(rpmfi fi, Signer const& signer)
 {
-    std::optional<Value> record = imaRecordHead(signer);
-    if (!record)
-        return std::nullopt;
+    if (imaHashAlgo(signer.md) == unknownHashAlgo)
+        return imaRecordOf(signer, nullptr, 0);  // prints why
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int digestLength = 0;
-    if (!digestFile(fi, signer.md, digest, &digestLength))
+    if (!digestFile(fi, signer, digest, &digestLength))
         return std::nullopt;
-    return finishImaRecord(std::move(*record), signer, digest, digestLength);
+    return imaRecordOf(signer, digest, digestLength);
 }
 
 std::optional<Value> taHeader(rpmfi fi, Signer const& signer)
@@ -234,14 +226,13 @@ bool signSetWithTrustedApplications(rpmfi fi, rpmfiles files, std::vector<int> c
     }
     const auto size = static_cast<std::size_t>(rpmfiFSize(fi));
     std::vector<EVP_MD_CTX*> hashes;
-    std::optional<Value> record;
-    MdCtxPtr imaHash;
-    if (!imaNames.empty()) {
-        record = imaRecordHead(signer);
-        imaHash.reset(EVP_MD_CTX_new());
-        if (!record || !imaHash || !EVP_DigestInit(imaHash.get(), signer.md))
+    const bool imaNeeded = !imaNames.empty();
+    if (imaNeeded) {
+        if (imaHashAlgo(signer.md) == unknownHashAlgo)
+            return imaRecordOf(signer, nullptr, 0).has_value();  // prints why
+        if (!EVP_DigestInit_ex(signer.digest, signer.md, nullptr))
             return false;
-        hashes.push_back(imaHash.get());
+        hashes.push_back(signer.digest);
     }
     std::vector<std::unique_ptr<TaHeaderMaking>> headers;
     for (int index : taNames) {
@@ -254,12 +245,12 @@ bool signSetWithTrustedApplications(rpmfi fi, rpmfiles files, std::vector<int> c
     }
     if (!digestArchiveContent(fi, hashes, size))
         return false;
-    if (imaHash) {
+    if (imaNeeded) {
         unsigned char digest[EVP_MAX_MD_SIZE];
         unsigned int digestLength = 0;
-        if (!EVP_DigestFinal_ex(imaHash.get(), digest, &digestLength))
+        if (!EVP_DigestFinal_ex(signer.digest, digest, &digestLength))
             return false;
-        record = finishImaRecord(std::move(*record), signer, digest, digestLength);
+        std::optional<Value> record = imaRecordOf(signer, digest, digestLength);
         if (!record)
             return false;
         for (int index : imaNames)
@@ -283,8 +274,10 @@ bool signSetWithTrustedApplications(rpmfi fi, rpmfiles files, std::vector<int> c
 // trusted application's header is bound to the UUID of its name.
 bool signCurrentFile(rpmfi fi, rpmfiles files, Signer const& signer, PayloadSignatures& out)
 {
-    const std::vector<int> set = linkSet(fi);
     bool signedWell = false;
+    std::vector<int> set;
+    if (rpmfiFNlink(fi) > 1)
+        set = linkSet(fi);
     if (set.size() > 1 && std::any_of(set.begin(), set.end(),
                                       [&](int index) { return isTrustedApplicationAt(files, index); })) {
         signedWell = signSetWithTrustedApplications(fi, files, set, signer, out);
@@ -407,7 +400,10 @@ std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const E
         return out;
     }
 
-    const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo};
+    MdCtxPtr digest(EVP_MD_CTX_new());
+    if (!digest)
+        return std::nullopt;
+    const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo, digest.get(), nullptr};
     std::vector<bool> delivered(rpmfiFC(fi.get()), false);
     // Any negative result ends the archive: its end mark, or a damaged
     // archive, whose files are then left unsigned.

@@ -197,7 +197,9 @@ using namespace sealkeep;
 
 extern "C" int is_fi_ta(rpmfi fi)
 {
-    return isTrustedApplication(rpmfiODN(fi), rpmfiFN(fi)) ? 1 : 0;
+    // The directory first: the full name is built only for a file in it.
+    const char* dir = rpmfiODN(fi);
+    return dir && std::strcmp(dir, taDirectory) == 0 && isTrustedApplication(dir, rpmfiFN(fi)) ? 1 : 0;
 }
 
 namespace sealkeep {
