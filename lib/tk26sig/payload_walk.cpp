@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -379,48 +380,204 @@ void reportEarlyEnd(int result)
 
 }  // namespace
 
-std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const EVP_MD* md, X509* cert,
-                                                  EVP_PKEY* taKey, unsigned int taAlgo)
+namespace {
+
+// Opens the package in fd (through a duplicate, from its start) and calls
+// visit on every regular file that carries content, in archive order; false
+// as soon as visit or opening the payload fails.
+bool walkPayloadContents(int fd, std::function<bool(rpmfi, rpmfiles)> const& visit)
 {
     // The duplicate shares the file offset; the package starts at 0.
     RpmFdPtr package(fdDup(fd));
     if (!package || Ferror(package.get()) || lseek(fd, 0, SEEK_SET) != 0) {
         fprintf(stderr, "Could not duplicate fd: %s\n", Fstrerror(package.get()));
-        return std::nullopt;
+        return false;
     }
     HeaderPtr header(readHeader(package.get()));
     if (!header || !openPayload(package.get(), header.get()))
-        return std::nullopt;
+        return false;
 
-    PayloadSignatures out{FileSignaturesPtr(newTable()), FileSignaturesPtr(newTable())};
     RpmFilesPtr files(rpmfilesNew(nullptr, header.get(), 0, RPMFI_KEEPHEADER));
     if (files && !symlinkSizesAreSane(files.get()))
-        return std::nullopt;
+        return false;
     RpmFiPtr fi(files ? rpmfiNewArchiveReader(package.get(), files.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST)
                       : nullptr);
-    if (!out.ima || !out.ta || !fi) {
+    if (!fi) {
         fprintf(stderr, "Could not reopen payload: %s\n", Fstrerror(package.get()));
-        return std::nullopt;
+        return false;
     }
     if (rpmfiFC(fi.get()) == 0) {
         fprintf(stderr, "Notice: package contains no files\n");
-        return out;
+        return true;
     }
 
-    const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo};
     std::vector<bool> delivered(rpmfiFC(fi.get()), false);
     // Any negative result ends the archive: its end mark, or a damaged
     // archive, whose files are then left unsigned.
     int next = 0;
     while ((next = rpmfiNext(fi.get())) >= 0) {
         if (!firstDelivery(delivered, fi.get()))
-            return std::nullopt;
+            return false;
         if ((rpmfiFMode(fi.get()) & fileTypeBits) != regularFileType || !rpmfiArchiveHasContent(fi.get()))
             continue;
-        if (!signCurrentFile(fi.get(), files.get(), signer, out))
-            return std::nullopt;
+        if (!visit(fi.get(), files.get()))
+            return false;
     }
     reportEarlyEnd(next);
+    return true;
+}
+
+}  // namespace
+
+std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const EVP_MD* md, X509* cert,
+                                                  EVP_PKEY* taKey, unsigned int taAlgo)
+{
+    PayloadSignatures out{FileSignaturesPtr(newTable()), FileSignaturesPtr(newTable())};
+    if (!out.ima || !out.ta)
+        return std::nullopt;
+    const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo};
+    if (!walkPayloadContents(fd, [&](rpmfi fi, rpmfiles files) { return signCurrentFile(fi, files, signer, out); }))
+        return std::nullopt;
+    return out;
+}
+
+// Digesting every payload file here and signing the digests elsewhere: the
+// same walk, and the same values in the same table order as signPayloadFiles.
+namespace {
+
+// The file digest of the current file's content and the names sharing it:
+// the current one, then the further names of its hard-link set, as
+// appendWithHardLinks lists them.
+bool digestImaFile(rpmfi fi, const EVP_MD* md, PayloadDigests& out)
+{
+    ImaFileDigest file;
+    file.names.push_back(rpmfiFX(fi));
+    const int* members = nullptr;
+    uint32_t count = rpmfiFLinks(fi, &members);
+    for (uint32_t i = 1; members && i < count; ++i)
+        file.names.push_back(members[i]);
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int digestLength = 0;
+    if (!digestFile(fi, md, digest, &digestLength))
+        return false;
+    file.digest.assign(digest, digest + digestLength);
+    out.ima.push_back(std::move(file));
+    return true;
+}
+
+std::unique_ptr<TaHeaderMaking> startTaHash(rpmfiles files, int index, std::size_t size, TaHashing const& ta)
+{
+    if (!ta.present) {
+        fprintf(stderr, "TA key is absent yet there are TAs in RPM!\n");
+        return nullptr;
+    }
+    MallocPtr name(rpmfilesFN(files, index));
+    return TaHeaderMaking::startHashOnly(name ? name.get() : "", static_cast<uint32_t>(size), ta.taAlgo,
+                                         ta.signatureSize);
+}
+
+bool finishTaHash(TaHeaderMaking& making, int index, std::size_t size, PayloadDigests& out)
+{
+    TaFileDigest entry{index, {}, static_cast<uint32_t>(size), {}};
+    if (!making.finishHash(entry.hash.data()))
+        return false;
+    std::memcpy(entry.uuid.data(), making.uuid(), taUuidSize);
+    out.ta.push_back(entry);
+    return true;
+}
+
+// The digests signCurrentFile would sign, in its order; false after
+// "Could not digest file from rpm: %s\n".
+bool digestCurrentFile(rpmfi fi, rpmfiles files, const EVP_MD* md, TaHashing const& ta, PayloadDigests& out)
+{
+    const std::vector<int> set = linkSet(fi);
+    const auto size = static_cast<std::size_t>(rpmfiFSize(fi));
+    std::vector<int> imaNames, taNames;
+    for (int index : set)
+        (isTrustedApplicationAt(files, index) ? taNames : imaNames).push_back(index);
+    bool digested = false;
+    if (taNames.empty()) {
+        const Signer check{nullptr, md, {}, nullptr, 0};
+        digested = imaRecordHead(check) && digestImaFile(fi, md, out);
+    } else {
+        // One read of the content for every TA name's hash and the IMA
+        // digest of the other names.
+        std::vector<EVP_MD_CTX*> hashes;
+        MdCtxPtr imaHash;
+        std::vector<std::unique_ptr<TaHeaderMaking>> headers;
+        digested = true;
+        if (!imaNames.empty()) {
+            const Signer check{nullptr, md, {}, nullptr, 0};
+            imaHash.reset(EVP_MD_CTX_new());
+            digested = imaRecordHead(check) && imaHash && EVP_DigestInit(imaHash.get(), md);
+            hashes.push_back(imaHash.get());
+        }
+        for (std::size_t i = 0; digested && i < taNames.size(); ++i) {
+            headers.push_back(startTaHash(files, taNames[i], size, ta));
+            digested = headers.back() != nullptr;
+            if (digested)
+                hashes.push_back(headers.back()->hash());
+        }
+        digested = digested && digestArchiveContent(fi, hashes, size);
+        if (digested && imaHash) {
+            unsigned char digest[EVP_MAX_MD_SIZE];
+            unsigned int digestLength = 0;
+            digested = EVP_DigestFinal_ex(imaHash.get(), digest, &digestLength);
+            out.ima.push_back({imaNames, std::vector<unsigned char>(digest, digest + digestLength)});
+        }
+        for (std::size_t i = 0; digested && i < headers.size(); ++i)
+            digested = finishTaHash(*headers[i], taNames[i], size, out);
+    }
+    if (!digested)
+        fprintf(stderr, "Could not digest file from rpm: %s\n", rpmfiFN(fi));
+    return digested;
+}
+
+}  // namespace
+
+std::optional<PayloadDigests> digestPayloadFiles(int fd, const EVP_MD* md, TaHashing const& ta)
+{
+    PayloadDigests out;
+    if (!walkPayloadContents(fd, [&](rpmfi fi, rpmfiles files) { return digestCurrentFile(fi, files, md, ta, out); }))
+        return std::nullopt;
+    return out;
+}
+
+std::optional<PayloadSignatures> signPayloadDigests(PayloadDigests const& digests, EVP_PKEY* key, const EVP_MD* md,
+                                                    X509* cert, EVP_PKEY* taKey, unsigned int taAlgo,
+                                                    std::size_t taSignatureSize)
+{
+    PayloadSignatures out{FileSignaturesPtr(newTable()), FileSignaturesPtr(newTable())};
+    if (!out.ima || !out.ta)
+        return std::nullopt;
+    const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo};
+    for (ImaFileDigest const& file : digests.ima) {
+        std::optional<Value> record = imaRecordHead(signer);
+        if (record && file.digest.size() == static_cast<std::size_t>(EVP_MD_size(md)))
+            record = finishImaRecord(std::move(*record), signer, file.digest.data(),
+                                     static_cast<unsigned int>(file.digest.size()));
+        else
+            record.reset();
+        bool appended = record.has_value();
+        for (std::size_t i = 0; appended && i < file.names.size(); ++i)
+            appended = append(out.ima.get(), file.names[i], *record);
+        if (!appended) {
+            fprintf(stderr, "Could not sign the digest of file %d\n", file.names.empty() ? -1 : file.names[0]);
+            return std::nullopt;
+        }
+    }
+    if (!digests.ta.empty() && !taKey) {
+        fprintf(stderr, "TA key is absent yet there are TAs in RPM!\n");
+        return std::nullopt;
+    }
+    for (TaFileDigest const& ta : digests.ta) {
+        GArrayPtr text(taHeaderFromHash(ta.uuid.data(), ta.imageSize, taAlgo, taSignatureSize, ta.hash.data(), taKey));
+        const auto* bytes = text ? reinterpret_cast<const unsigned char*>(text->data) : nullptr;
+        if (!text || !append(out.ta.get(), ta.index, Value(bytes, bytes + text->len))) {
+            fprintf(stderr, "Could not sign the hash of trusted application %d\n", ta.index);
+            return std::nullopt;
+        }
+    }
     return out;
 }
 
