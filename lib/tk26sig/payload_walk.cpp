@@ -435,8 +435,14 @@ std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const E
     PayloadSignatures out{FileSignaturesPtr(newTable()), FileSignaturesPtr(newTable())};
     if (!out.ima || !out.ta)
         return std::nullopt;
-    const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo};
-    if (!walkPayloadContents(fd, [&](rpmfi fi, rpmfiles files) { return signCurrentFile(fi, files, signer, out); }))
+    // The key id is read once there is a file to sign.
+    std::optional<Signer> signer;
+    auto signFile = [&](rpmfi fi, rpmfiles files) {
+        if (!signer)
+            signer = Signer{key, md, imaKeyid(cert), taKey, taAlgo};
+        return signCurrentFile(fi, files, *signer, out);
+    };
+    if (!walkPayloadContents(fd, signFile))
         return std::nullopt;
     return out;
 }
