@@ -20,7 +20,7 @@ fi
 export SEALKEEP_FUZZ_CA="$corpus/ca.pem"
 export SEALKEEP_FUZZ_STACK="$corpus/stack-prefix"
 targets=(signed_file cms rotation_chain package_signing)
-targets+=(cms_verify signature_stack rotation_chain_pem certificate pem_readers certificate_request)
+targets+=(cms_verify signature_stack rotation_chain_pem certificate pem_readers certificate_request signing_request)
 if [ $# -gt 0 ]; then
   targets=("$@")
 fi

@@ -22,15 +22,12 @@
 #include "common/ossl_ptr.hpp"
 #include "file_with_cmses_impl.hpp"
 #include "package_rewrite.hpp"
+#include "package_signing.hpp"
 #include "signature_stack.hpp"
 #include "signed_file_layout.hpp"
 #include "tk26sig/cms_sign.hpp"
 
 namespace PackageSignatures {
-
-namespace {
-
-using GBytesPtr = std::unique_ptr<unsigned char, sealkeep::Deleter<g_free>>;
 
 Group groupOf(X509* certificate)
 {
@@ -38,11 +35,17 @@ Group groupOf(X509* certificate)
     return groupFromString(text.get());
 }
 
+namespace {
+
+using GBytesPtr = std::unique_ptr<unsigned char, sealkeep::Deleter<g_free>>;
+
 void appendLittleEndian32(std::vector<unsigned char>& out, std::uint32_t value)
 {
     for (int i = 0; i < 4; ++i)
         out.push_back(static_cast<unsigned char>(value >> (8 * i)));
 }
+
+}  // namespace
 
 // [skippable-frame prefix] + DER + header, as the scan expects to find it.
 std::vector<unsigned char> makeBlock(unsigned char const* der, std::size_t length, bool skippableFrame)
@@ -60,12 +63,7 @@ std::vector<unsigned char> makeBlock(unsigned char const* der, std::size_t lengt
     return block;
 }
 
-// What signing a signer of some group does to the file as it is now.
-struct SigningPlan {
-    std::optional<long> cut;      // where a replacement truncates the file first
-    bool allowed = false;         // whether the signer then takes the next position
-    std::int64_t rangeBegin = 0;  // the first byte the new signature covers
-};
+namespace {
 
 // The group of the signer of the block at location; empty when its CMS does
 // not decode or names no signer, so that it never matches a signer's group.
@@ -76,6 +74,8 @@ std::optional<Group> signerGroupOf(FILE* file, CmsLocation const& location)
         return std::nullopt;
     return certificate->group();
 }
+
+}  // namespace
 
 // Only the newest block is ever read, and each block at most once: a
 // replacement compares its signer, and the third position asks who signed
@@ -107,15 +107,40 @@ SigningPlan planSigning(FILE* file, Group group, bool replace)
         return plan;
     const Group newest = locations.size() == 2 ? groupOfBlock(1).value_or(Group::None) : Group::None;
     plan.allowed = mayTakeNextPosition(group, locations.size(), newest);
+    plan.position = locations.size();
     plan.rangeBegin = locations.empty() ? 0 : locations.back().begin;
     return plan;
 }
 
-}  // namespace
-
 bool FileWithCmses::maySign(Group group, bool replace) const
 {
     return planSigning(impl_->file, group, replace).allowed;
+}
+
+std::int64_t sizeOf(int fd)
+{
+    struct stat status {};
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
+        return -1;
+    return status.st_size;
+}
+
+bool openForWriting(int fd)
+{
+    const int flags = fcntl(fd, F_GETFL);
+    return flags != -1 && (flags & O_ACCMODE) != O_RDONLY;
+}
+
+bool fitsInOneBlock(std::size_t derLength)
+{
+    // A longer block would not be found by the scan again: the file would
+    // carry a signature that no reader sees.
+    if (derLength > static_cast<std::size_t>(maxCmsLength)) {
+        std::cerr << "Signature of " << derLength << " bytes is larger than the limit of " << maxCmsLength
+                  << " bytes for one block" << std::endl;
+        return false;
+    }
+    return true;
 }
 
 namespace {
@@ -140,28 +165,9 @@ std::vector<unsigned char> signedBlock(sealkeep::SignedRange const& range, Signe
                                       signer.certificate, signer.rotationChain, &derLength));
     if (!der)
         return {};
-    // A longer block would not be found by the scan again: the file would
-    // carry a signature that no reader sees.
-    if (derLength > static_cast<std::size_t>(maxCmsLength)) {
-        std::cerr << "Signature of " << derLength << " bytes is larger than the limit of " << maxCmsLength
-                  << " bytes for one block" << std::endl;
+    if (!fitsInOneBlock(derLength))
         return {};
-    }
     return makeBlock(der.get(), derLength, signer.skippableFrame);
-}
-
-std::int64_t sizeOf(int fd)
-{
-    struct stat status {};
-    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
-        return -1;
-    return status.st_size;
-}
-
-bool openForWriting(int fd)
-{
-    const int flags = fcntl(fd, F_GETFL);
-    return flags != -1 && (flags & O_ACCMODE) != O_RDONLY;
 }
 
 // A new version of the package: [0, end) copied, the signed range
@@ -196,33 +202,42 @@ int signIntoNewVersion(std::string const& path, int fd, std::int64_t rangeBegin,
         if (!copy.finish())
             return cannotWrite();
     }
+    return commitWithBlock(*rewrite, path, end, block);
+}
+
+}  // namespace
+
+int commitWithBlock(PackageRewrite& rewrite, std::string const& path, std::int64_t end,
+                    std::vector<unsigned char> const& block)
+{
+    auto cannotWrite = [&path] {
+        std::cerr << "sealkeep: cannot write a new version of " << path << " beside it: " << strerror(errno)
+                  << std::endl;
+        return -1;
+    };
     // The new version holds exactly the kept bytes before its block, or a
     // short read or copy went unnoticed.
     struct stat status {};
-    if (fstat(rewrite->fd(), &status) != 0 || status.st_size != end) {
+    if (fstat(rewrite.fd(), &status) != 0 || status.st_size != end) {
         if (errno == 0)
             errno = EIO;
         return cannotWrite();
     }
-    if (!rewrite->append(block.data(), block.size()))
+    if (!rewrite.append(block.data(), block.size()))
         return cannotWrite();
-    int signedFd = rewrite->commit();
+    int signedFd = rewrite.commit();
     if (signedFd < 0) {
         std::cerr << "sealkeep: cannot put the new version of " << path << " in place: " << strerror(errno)
                   << std::endl;
-    } else if (!rewrite->durable()) {
+    } else if (!rewrite.durable()) {
         std::cerr << "sealkeep: the new version of " << path
                   << " is in place, but its directory could not be synced: " << strerror(errno) << std::endl;
     }
     return signedFd;
 }
 
-// Without a path: sign first, then cut and append in place, undoing a
-// partial append.
-bool signInPlace(int fd, std::optional<long> cut, std::int64_t rangeBegin, std::int64_t end, Signer const& signer)
+bool appendInPlace(int fd, std::optional<long> cut, std::int64_t end, std::vector<unsigned char> const& block)
 {
-    std::vector<unsigned char> block =
-        signedBlock(sealkeep::SignedRange::ofFile(fd, rangeBegin, static_cast<std::size_t>(end - rangeBegin)), signer);
     if (block.empty() || (cut && ftruncate(fd, *cut) != 0))
         return false;
     if (lseek(fd, end, SEEK_SET) != end || !sealkeep::writeInPieces(fd, block.data(), block.size())) {
@@ -232,6 +247,31 @@ bool signInPlace(int fd, std::optional<long> cut, std::int64_t rangeBegin, std::
         return false;
     }
     return fsync(fd) == 0;
+}
+
+FILE* streamOfNewVersion(int signedFd, std::string const& path, bool relock)
+{
+    // The object follows the package to its new version (already locked);
+    // should that fail, it reopens the path, which names the new version.
+    FILE* stream = fdopen(signedFd, "r+");
+    if (!stream) {
+        close(signedFd);
+        stream = fopen(path.c_str(), "r+e");
+        if (stream && relock)
+            flock(fileno(stream), LOCK_EX);
+    }
+    return stream;
+}
+
+namespace {
+
+// Without a path: sign first, then cut and append in place, undoing a
+// partial append.
+bool signInPlace(int fd, std::optional<long> cut, std::int64_t rangeBegin, std::int64_t end, Signer const& signer)
+{
+    return appendInPlace(
+        fd, cut, end,
+        signedBlock(sealkeep::SignedRange::ofFile(fd, rangeBegin, static_cast<std::size_t>(end - rangeBegin)), signer));
 }
 
 }  // namespace
@@ -261,15 +301,7 @@ bool FileWithCmses::sign(X509* certificate, EVP_PKEY* key, EVP_PKEY* taKey, unsi
     const int signedFd = signIntoNewVersion(impl_->path, fd(), plan.rangeBegin, end, signer);
     if (signedFd < 0)
         return false;
-    // The object follows the package to its new version (already locked);
-    // should that fail, it reopens the path, which names the new version.
-    FILE* stream = fdopen(signedFd, "r+");
-    if (!stream) {
-        close(signedFd);
-        stream = fopen(impl_->path.c_str(), "r+e");
-        if (stream && impl_->locked && !lock.takenHere())
-            flock(fileno(stream), LOCK_EX);
-    }
+    FILE* stream = streamOfNewVersion(signedFd, impl_->path, impl_->locked && !lock.takenHere());
     if (stream)
         impl_->replaceStream(stream);
     return true;

@@ -247,6 +247,42 @@ TEST_F(CliWriteCrash, PackageWritesInterruptedAtEveryCall)
         }
 }
 
+// attach writes as sign does: a signature made elsewhere, attached to the
+// package it was prepared for, is killed at every call.
+TEST_F(CliWriteCrash, AttachKilledAtEveryCall)
+{
+    Bytes twoSigned = stacks[1], threeSigned = stacks[2];
+    // The signature file for who's signature on the package as state.
+    auto signatureFor = [this](Bytes const& state, Identity const& who, bool replace, std::string const& name) {
+        writeFile(package, state);
+        std::vector<std::string> prepare{"prepare", package, "--cert", who.certPath, "-o", work.file(name + ".req")};
+        if (replace)
+            prepare.push_back("--replace");
+        EXPECT_EQ(runSealkeep(work.path(), prepare).exitCode, 0);
+        EXPECT_EQ(runSealkeep(work.path(), {"sign-request", work.file(name + ".req"), "--cert", who.certPath, "--key",
+                                            who.keyPath, "-o", work.file(name + ".sig")})
+                      .exitCode,
+                  0);
+        return work.file(name + ".sig");
+    };
+    std::string client = signatureFor(twoSigned, pki->client(), false, "client");
+    std::string developer = signatureFor(threeSigned, pki->developer(), true, "developer");
+    auto from = [this](Bytes const& state) { return [this, state] { writeFile(package, state); }; };
+    const std::vector<std::string> replacing{"copy_file_range", "write", "fsync", "linkat", "renameat"};
+    std::vector<Scenario> all;
+    all.push_back({"client attached", from(twoSigned), {"attach", package, client},
+                   [=](std::string const& where) { expectPackage(twoSigned, twoSigned, 3, where); },
+                   [=] { expectPackage({}, twoSigned, 3, "client attached"); }, replacing});
+    all.push_back({"developer attached as a replacement", from(threeSigned), {"attach", package, developer},
+                   [=](std::string const& where) { expectPackage(threeSigned, bare, 1, where); },
+                   [=] { expectPackage({}, bare, 1, "developer attached as a replacement"); }, replacing});
+    for (auto const& scenario : all) {
+        sweep(scenario, "KILL");
+        if (HasFailure())
+            return;
+    }
+}
+
 TEST_F(CliWriteCrash, CertificateAndChainWritesKilledAtEveryCall)
 {
     std::string certificate = work.file("issued.pem");

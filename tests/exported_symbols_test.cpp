@@ -24,6 +24,7 @@ const std::set<std::string> flatInterface = {
     "ProofOfRotation_new", "ProofOfRotation_verify", "certificate_get_group", "certificate_get_keyid",
     "certificate_get_subject", "certificate_read", "certificate_store_read", "certificate_verify", "cms_from_der",
     "cms_get_certificate", "cms_get_file_signatures", "cms_get_rotation_chain", "cms_get_signature", "cms_sign",
+    "cms_sign_digest",
     "cms_verify", "d2i_FileSignature", "d2i_FileSignatures", "d2i_ProofOfRotation", "d2i_ProofOfRotationChain",
     "d2i_ProofOfRotationSignedAttrs", "i2d_FileSignature", "i2d_FileSignatures", "i2d_ProofOfRotation",
     "i2d_ProofOfRotationChain", "i2d_ProofOfRotationSignedAttrs", "make_ca_certificate", "make_ca_certificate_with_key", "make_certificate",

@@ -30,6 +30,8 @@ std::string systemReason();
 // Each registers its subcommand(s) on app; the subcommand's callback stores
 // its exit status in status.
 void addSignCommand(CLI::App& app, int& status);
+// prepare, sign-request, attach.
+void addDetachedSigningCommands(CLI::App& app, int& status);
 void addVerifyCommand(CLI::App& app, int& status);
 void addInspectCommand(CLI::App& app, int& status);
 void addStripCommand(CLI::App& app, int& status);

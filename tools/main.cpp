@@ -38,6 +38,7 @@ int main(int argc, char** argv)
 
     int status = statusOk;
     addSignCommand(app, status);
+    addDetachedSigningCommands(app, status);
     addVerifyCommand(app, status);
     addInspectCommand(app, status);
     addStripCommand(app, status);

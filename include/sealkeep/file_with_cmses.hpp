@@ -42,6 +42,7 @@
 #include <vector>
 
 #include <sealkeep/cms.hpp>
+#include <sealkeep/detached_signing.hpp>
 #include <sealkeep/export.hpp>
 #include <sealkeep/verification_report.hpp>
 
@@ -145,6 +146,24 @@ public:
     bool sign(x509_st* certificate, evp_pkey_st* key, evp_pkey_st* taKey,
               unsigned int taAlgorithm, stack_st_ProofOfRotation* rotationChain,
               bool replace, bool skippableFrame, bool signFiles);
+    // Signing in three steps (see detached_signing.hpp). planSignature reads
+    // the file under the write lock, as sign() would, and writes nothing: the
+    // plan of a signature by certificate's signer, with replace as for sign()
+    // and, when signFiles is set and the covered range is a whole RPM
+    // package, the digests of its payload files (taKey: the shape of the TA
+    // key, for packages with trusted applications). Empty when sign() would
+    // refuse the signer, or after the payload walk's messages.
+    std::optional<SignaturePlan> planSignature(x509_st* certificate, bool replace, bool signFiles,
+                                               TrustedApplicationKeyShape taKey);
+    // Appends cms, the DER made by signSignaturePlan for plan, as the next
+    // block (version 3 when skippableFrame, else 2), cutting first when the
+    // plan replaces, with the write of sign(): under the write lock, and
+    // only when the file is still exactly as planned around the covered
+    // range, the signer takes the planned position, and the CMS's message
+    // digest is that of the covered range as it stands. Anything else is
+    // refused before a byte is written, with the reason as the result; the
+    // file is then exactly as it was.
+    AttachResult attach(std::vector<unsigned char> const& cms, SignaturePlan const& plan, bool skippableFrame);
     // Whether sign() would add a signer of group to the file as it is now
     // (after the cut that replace makes): the same rule, nothing changed.
     // Reads only the newest block.

@@ -138,6 +138,23 @@ unsigned char *cms_sign(const unsigned char *data, size_t length, int signFiles,
                         X509 *cert, ProofOfRotationChain *chain,
                         size_t *outLength);
 
+/* The CMS cms_sign makes, for a range known only by its digest: digest is the
+ * range's digest by the key's default digest (digestLength bytes, the size of
+ * that digest; GOST R 34.11-2012 256-bit for a GOST R 34.10-2012 256-bit
+ * key), and the per-file tables, made elsewhere, are given: imaSignatures and
+ * taSignatures both or neither (null: no per-file attributes, as cms_sign for
+ * anything but a whole RPM package). The signed attributes are those of
+ * cms_sign: content type, signing time, message digest (digest), file
+ * signatures, trusted-application signatures, rotation chain (when chain is
+ * not null; it must end at cert). The tables and the chain are borrowed; the
+ * result belongs to the caller (free()), its length goes to outLength. Null
+ * on failure, with a message. */
+unsigned char *cms_sign_digest(const unsigned char *digest, size_t digestLength,
+                               FileSignatures *imaSignatures,
+                               FileSignatures *taSignatures, EVP_PKEY *key,
+                               X509 *cert, ProofOfRotationChain *chain,
+                               size_t *outLength);
+
 /* True when cms has exactly one signer, signs the len bytes at data
  * (directly, or through their GOST R 34.11-2012 digest for an attached CMS),
  * chains to store, and its rotation chain, if any, verifies and ends at the

@@ -9,6 +9,7 @@
 #include <sealkeep/cms.hpp>
 #include <sealkeep/configuration.hpp>
 #include <sealkeep/database.hpp>
+#include <sealkeep/detached_signing.hpp>
 #include <sealkeep/file_with_cmses.hpp>
 #include <sealkeep/groups.hpp>
 #include <sealkeep/rotation.hpp>

@@ -276,6 +276,74 @@ unsigned char* sealkeep::signRange(SignedRange const& range, int signFiles, EVP_
     return encodeIntoGlibBuffer(cms.get(), outLength);
 }
 
+namespace sealkeep {
+namespace {
+
+// What CMS_final adds from the content: its digest and its type; then the
+// signature over the signed attributes (OpenSSL adds the signing time).
+bool finaliseWithDigest(CMS_ContentInfo* cms, CMS_SignerInfo* signer, const unsigned char* digest,
+                        std::size_t digestLength)
+{
+    const ASN1_OBJECT* contentType = CMS_get0_eContentType(cms);
+    if (!CMS_signed_add1_attr_by_NID(signer, NID_pkcs9_messageDigest, V_ASN1_OCTET_STRING, digest,
+                                     static_cast<int>(digestLength)) ||
+        (CMS_signed_get_attr_by_NID(signer, NID_pkcs9_contentType, -1) < 0 &&
+         !CMS_signed_add1_attr_by_NID(signer, NID_pkcs9_contentType, V_ASN1_OBJECT, contentType, -1)) ||
+        !CMS_SignerInfo_sign(signer)) {
+        fprintf(stderr, "CMS signing failed\n");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+unsigned char* signDigest(const unsigned char* digest, std::size_t digestLength, FileSignatures* imaSignatures,
+                          FileSignatures* taSignatures, EVP_PKEY* key, X509* cert, ProofOfRotationChain* chain,
+                          std::size_t* outLength)
+{
+    CmsPtr cms(newSignedData());
+    if (!cms)
+        return nullptr;
+    const EVP_MD* md = nullptr;
+    CMS_SignerInfo* signer = addSigner(cms.get(), cert, key, &md);
+    if (!signer)
+        return nullptr;
+    if (!digest || digestLength != static_cast<std::size_t>(EVP_MD_size(md))) {
+        fprintf(stderr, "Digest length does not match the key's digest\n");
+        return nullptr;
+    }
+    if ((imaSignatures == nullptr) != (taSignatures == nullptr)) {
+        fprintf(stderr, "File signatures and trusted-application signatures go together\n");
+        return nullptr;
+    }
+    if (imaSignatures &&
+        !(addFileSignatures(signer, packageFileSignaturesNid, imaSignatures,
+                            "Could not serialize ima file signatures\n",
+                            "Could create ima file signatures X.509 attribute\n") &&
+          addFileSignatures(signer, packageTrustletSignaturesNid, taSignatures,
+                            "Could not serialize ta file signatures\n",
+                            "Could create ta file signatures X.509 attribute\n")))
+        return nullptr;
+    if (chain && !addRotationChain(signer, cert, chain))
+        return nullptr;
+    if (!finaliseWithDigest(cms.get(), signer, digest, digestLength))
+        return nullptr;
+    return encodeIntoGlibBuffer(cms.get(), outLength);
+}
+
+}  // namespace sealkeep
+
+extern "C" unsigned char* cms_sign_digest(const unsigned char* digest, size_t digestLength,
+                                          FileSignatures* imaSignatures, FileSignatures* taSignatures,
+                                          EVP_PKEY* key, X509* cert, ProofOfRotationChain* chain,
+                                          size_t* outLength)
+{
+    return withoutExceptions(
+        [&] { return signDigest(digest, digestLength, imaSignatures, taSignatures, key, cert, chain, outLength); },
+        static_cast<unsigned char*>(nullptr));
+}
+
 extern "C" unsigned char* cms_sign(const unsigned char* data, size_t length, int signFiles,
                                    EVP_PKEY* key, EVP_PKEY* taKey, unsigned int taAlgo,
                                    X509* cert, ProofOfRotationChain* chain, size_t* outLength)

@@ -48,6 +48,13 @@ unsigned char* signRange(SignedRange const& range, int signFiles, EVP_PKEY* key,
                          unsigned int taAlgo, X509* cert, ProofOfRotationChain* chain,
                          std::size_t* outLength);
 
+// cms_sign_digest: the CMS cms_sign makes, for a range known only by its
+// digest, with per-file tables made elsewhere; the same ownership and
+// messages.
+unsigned char* signDigest(const unsigned char* digest, std::size_t digestLength, FileSignatures* imaSignatures,
+                          FileSignatures* taSignatures, EVP_PKEY* key, X509* cert, ProofOfRotationChain* chain,
+                          std::size_t* outLength);
+
 }  // namespace sealkeep
 
 #endif

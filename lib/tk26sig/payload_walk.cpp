@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -110,12 +111,22 @@ EVP_PKEY_CTX* newSigningContext(EVP_PKEY* key, const EVP_MD* md)
     return ctx.release();
 }
 
-// The digest of the current file's content, read from the archive.
-bool digestFile(rpmfi fi, Signer const& signer, unsigned char* out, unsigned int* outLength)
+// The md digest of the current file's content, read from the archive,
+// made in ctx (reset first, reused from file to file).
+bool digestFile(rpmfi fi, EVP_MD_CTX* ctx, const EVP_MD* md, unsigned char* out, unsigned int* outLength)
 {
-    return EVP_DigestInit_ex(signer.digest, signer.md, nullptr) &&
-           digestArchiveContent(fi, signer.digest, static_cast<std::size_t>(rpmfiFSize(fi))) &&
-           EVP_DigestFinal_ex(signer.digest, out, outLength);
+    return EVP_DigestInit_ex(ctx, md, nullptr) &&
+           digestArchiveContent(fi, ctx, static_cast<std::size_t>(rpmfiFSize(fi))) &&
+           EVP_DigestFinal_ex(ctx, out, outLength);
+}
+
+// Whether md has an IMA number; prints why not.
+bool imaAlgorithmKnown(const EVP_MD* md)
+{
+    if (imaHashAlgo(md) != unknownHashAlgo)
+        return true;
+    fprintf(stderr, "Hash algo is unknown for imaevm: %s\n", OBJ_nid2sn(EVP_MD_type(md)));
+    return false;
 }
 
 // The IMA record of a file with this digest: the header, then the signature
@@ -126,11 +137,9 @@ std::optional<Value> imaRecordOf(Signer const& signer, const unsigned char* dige
     unsigned char record[imaRecordArea];
     record[0] = imaDigitalSignature;
     record[1] = imaSignatureVersion2;
-    record[2] = imaHashAlgo(signer.md);
-    if (record[2] == unknownHashAlgo) {
-        fprintf(stderr, "Hash algo is unknown for imaevm: %s\n", OBJ_nid2sn(EVP_MD_type(signer.md)));
+    if (!imaAlgorithmKnown(signer.md))
         return std::nullopt;
-    }
+    record[2] = imaHashAlgo(signer.md);
     std::memcpy(&record[3], signer.keyid.data(), keyidSize);
     if (!signer.signing)
         signer.signing.reset(newSigningContext(signer.key, signer.md));
@@ -145,11 +154,11 @@ std::optional<Value> imaRecordOf(Signer const& signer, const unsigned char* dige
 
 std::optional<Value> imaRecord(rpmfi fi, Signer const& signer)
 {
-    if (imaHashAlgo(signer.md) == unknownHashAlgo)
-        return imaRecordOf(signer, nullptr, 0);  // prints why
+    if (!imaAlgorithmKnown(signer.md))
+        return std::nullopt;
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int digestLength = 0;
-    if (!digestFile(fi, signer, digest, &digestLength))
+    if (!digestFile(fi, signer.digest, signer.md, digest, &digestLength))
         return std::nullopt;
     return imaRecordOf(signer, digest, digestLength);
 }
@@ -228,8 +237,8 @@ bool signSetWithTrustedApplications(rpmfi fi, rpmfiles files, std::vector<int> c
     std::vector<EVP_MD_CTX*> hashes;
     const bool imaNeeded = !imaNames.empty();
     if (imaNeeded) {
-        if (imaHashAlgo(signer.md) == unknownHashAlgo)
-            return imaRecordOf(signer, nullptr, 0).has_value();  // prints why
+        if (!imaAlgorithmKnown(signer.md))
+            return false;
         if (!EVP_DigestInit_ex(signer.digest, signer.md, nullptr))
             return false;
         hashes.push_back(signer.digest);
@@ -372,51 +381,212 @@ void reportEarlyEnd(int result)
 
 }  // namespace
 
-std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const EVP_MD* md, X509* cert,
-                                                  EVP_PKEY* taKey, unsigned int taAlgo)
+namespace {
+
+// Opens the package in fd (through a duplicate, from its start) and calls
+// visit on every regular file that carries content, in archive order; false
+// as soon as visit or opening the payload fails.
+bool walkPayloadContents(int fd, std::function<bool(rpmfi, rpmfiles)> const& visit)
 {
     // The duplicate shares the file offset; the package starts at 0.
     RpmFdPtr package(fdDup(fd));
     if (!package || Ferror(package.get()) || lseek(fd, 0, SEEK_SET) != 0) {
         fprintf(stderr, "Could not duplicate fd: %s\n", Fstrerror(package.get()));
-        return std::nullopt;
+        return false;
     }
     HeaderPtr header(readHeader(package.get()));
     if (!header || !openPayload(package.get(), header.get()))
-        return std::nullopt;
+        return false;
 
-    PayloadSignatures out{FileSignaturesPtr(newTable()), FileSignaturesPtr(newTable())};
     RpmFilesPtr files(rpmfilesNew(nullptr, header.get(), 0, RPMFI_KEEPHEADER));
     if (files && !symlinkSizesAreSane(files.get()))
-        return std::nullopt;
+        return false;
     RpmFiPtr fi(files ? rpmfiNewArchiveReader(package.get(), files.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST)
                       : nullptr);
-    if (!out.ima || !out.ta || !fi) {
+    if (!fi) {
         fprintf(stderr, "Could not reopen payload: %s\n", Fstrerror(package.get()));
-        return std::nullopt;
+        return false;
     }
     if (rpmfiFC(fi.get()) == 0) {
         fprintf(stderr, "Notice: package contains no files\n");
-        return out;
+        return true;
     }
 
-    MdCtxPtr digest(EVP_MD_CTX_new());
-    if (!digest)
-        return std::nullopt;
-    const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo, digest.get(), nullptr};
     std::vector<bool> delivered(rpmfiFC(fi.get()), false);
     // Any negative result ends the archive: its end mark, or a damaged
     // archive, whose files are then left unsigned.
     int next = 0;
     while ((next = rpmfiNext(fi.get())) >= 0) {
         if (!firstDelivery(delivered, fi.get()))
-            return std::nullopt;
+            return false;
         if ((rpmfiFMode(fi.get()) & fileTypeBits) != regularFileType || !rpmfiArchiveHasContent(fi.get()))
             continue;
-        if (!signCurrentFile(fi.get(), files.get(), signer, out))
-            return std::nullopt;
+        if (!visit(fi.get(), files.get()))
+            return false;
     }
     reportEarlyEnd(next);
+    return true;
+}
+
+}  // namespace
+
+std::optional<PayloadSignatures> signPayloadFiles(int fd, EVP_PKEY* key, const EVP_MD* md, X509* cert,
+                                                  EVP_PKEY* taKey, unsigned int taAlgo)
+{
+    PayloadSignatures out{FileSignaturesPtr(newTable()), FileSignaturesPtr(newTable())};
+    if (!out.ima || !out.ta)
+        return std::nullopt;
+    MdCtxPtr digest(EVP_MD_CTX_new());
+    if (!digest)
+        return std::nullopt;
+    // The key id is read once there is a file to sign.
+    std::optional<Signer> signer;
+    auto signFile = [&](rpmfi fi, rpmfiles files) {
+        if (!signer)
+            signer.emplace(Signer{key, md, imaKeyid(cert), taKey, taAlgo, digest.get(), nullptr});
+        return signCurrentFile(fi, files, *signer, out);
+    };
+    if (!walkPayloadContents(fd, signFile))
+        return std::nullopt;
+    return out;
+}
+
+// Digesting every payload file here and signing the digests elsewhere: the
+// same walk, and the same values in the same table order as signPayloadFiles.
+namespace {
+
+// The file digest of the current file's content and the names sharing it:
+// the current one, then the further names of its hard-link set, as
+// appendWithHardLinks lists them.
+bool digestImaFile(rpmfi fi, EVP_MD_CTX* ctx, const EVP_MD* md, PayloadDigests& out)
+{
+    ImaFileDigest file;
+    file.names.push_back(rpmfiFX(fi));
+    const int* members = nullptr;
+    uint32_t count = rpmfiFLinks(fi, &members);
+    for (uint32_t i = 1; members && i < count; ++i)
+        file.names.push_back(members[i]);
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int digestLength = 0;
+    if (!digestFile(fi, ctx, md, digest, &digestLength))
+        return false;
+    file.digest.assign(digest, digest + digestLength);
+    out.ima.push_back(std::move(file));
+    return true;
+}
+
+std::unique_ptr<TaHeaderMaking> startTaHash(rpmfiles files, int index, std::size_t size, TaHashing const& ta)
+{
+    if (!ta.present) {
+        fprintf(stderr, "TA key is absent yet there are TAs in RPM!\n");
+        return nullptr;
+    }
+    MallocPtr name(rpmfilesFN(files, index));
+    return TaHeaderMaking::startHashOnly(name ? name.get() : "", static_cast<uint32_t>(size), ta.taAlgo,
+                                         ta.signatureSize);
+}
+
+bool finishTaHash(TaHeaderMaking& making, int index, std::size_t size, PayloadDigests& out)
+{
+    TaFileDigest entry{index, {}, static_cast<uint32_t>(size), {}};
+    if (!making.finishHash(entry.hash.data()))
+        return false;
+    std::memcpy(entry.uuid.data(), making.uuid(), taUuidSize);
+    out.ta.push_back(entry);
+    return true;
+}
+
+// The digests signCurrentFile would sign, in its order; false after
+// "Could not digest file from rpm: %s\n".
+bool digestCurrentFile(rpmfi fi, rpmfiles files, EVP_MD_CTX* ctx, const EVP_MD* md, TaHashing const& ta,
+                       PayloadDigests& out)
+{
+    const std::vector<int> set = linkSet(fi);
+    const auto size = static_cast<std::size_t>(rpmfiFSize(fi));
+    std::vector<int> imaNames, taNames;
+    for (int index : set)
+        (isTrustedApplicationAt(files, index) ? taNames : imaNames).push_back(index);
+    bool digested = false;
+    if (taNames.empty()) {
+        digested = imaAlgorithmKnown(md) && digestImaFile(fi, ctx, md, out);
+    } else {
+        // One read of the content for every TA name's hash and the IMA
+        // digest of the other names.
+        std::vector<EVP_MD_CTX*> hashes;
+        MdCtxPtr imaHash;
+        std::vector<std::unique_ptr<TaHeaderMaking>> headers;
+        digested = true;
+        if (!imaNames.empty()) {
+            imaHash.reset(EVP_MD_CTX_new());
+            digested = imaAlgorithmKnown(md) && imaHash && EVP_DigestInit(imaHash.get(), md);
+            hashes.push_back(imaHash.get());
+        }
+        for (std::size_t i = 0; digested && i < taNames.size(); ++i) {
+            headers.push_back(startTaHash(files, taNames[i], size, ta));
+            digested = headers.back() != nullptr;
+            if (digested)
+                hashes.push_back(headers.back()->hash());
+        }
+        digested = digested && digestArchiveContent(fi, hashes, size);
+        if (digested && imaHash) {
+            unsigned char digest[EVP_MAX_MD_SIZE];
+            unsigned int digestLength = 0;
+            digested = EVP_DigestFinal_ex(imaHash.get(), digest, &digestLength);
+            out.ima.push_back({imaNames, std::vector<unsigned char>(digest, digest + digestLength)});
+        }
+        for (std::size_t i = 0; digested && i < headers.size(); ++i)
+            digested = finishTaHash(*headers[i], taNames[i], size, out);
+    }
+    if (!digested)
+        fprintf(stderr, "Could not digest file from rpm: %s\n", rpmfiFN(fi));
+    return digested;
+}
+
+}  // namespace
+
+std::optional<PayloadDigests> digestPayloadFiles(int fd, const EVP_MD* md, TaHashing const& ta)
+{
+    PayloadDigests out;
+    MdCtxPtr ctx(EVP_MD_CTX_new());
+    if (!ctx || !walkPayloadContents(fd, [&](rpmfi fi, rpmfiles files) {
+            return digestCurrentFile(fi, files, ctx.get(), md, ta, out);
+        }))
+        return std::nullopt;
+    return out;
+}
+
+std::optional<PayloadSignatures> signPayloadDigests(PayloadDigests const& digests, EVP_PKEY* key, const EVP_MD* md,
+                                                    X509* cert, EVP_PKEY* taKey, unsigned int taAlgo,
+                                                    std::size_t taSignatureSize)
+{
+    PayloadSignatures out{FileSignaturesPtr(newTable()), FileSignaturesPtr(newTable())};
+    if (!out.ima || !out.ta)
+        return std::nullopt;
+    const Signer signer{key, md, imaKeyid(cert), taKey, taAlgo, nullptr, nullptr};
+    for (ImaFileDigest const& file : digests.ima) {
+        std::optional<Value> record;
+        if (file.digest.size() == static_cast<std::size_t>(EVP_MD_size(md)))
+            record = imaRecordOf(signer, file.digest.data(), static_cast<unsigned int>(file.digest.size()));
+        bool appended = record.has_value();
+        for (std::size_t i = 0; appended && i < file.names.size(); ++i)
+            appended = append(out.ima.get(), file.names[i], *record);
+        if (!appended) {
+            fprintf(stderr, "Could not sign the digest of file %d\n", file.names.empty() ? -1 : file.names[0]);
+            return std::nullopt;
+        }
+    }
+    if (!digests.ta.empty() && !taKey) {
+        fprintf(stderr, "TA key is absent yet there are TAs in RPM!\n");
+        return std::nullopt;
+    }
+    for (TaFileDigest const& ta : digests.ta) {
+        GArrayPtr text(taHeaderFromHash(ta.uuid.data(), ta.imageSize, taAlgo, taSignatureSize, ta.hash.data(), taKey));
+        const auto* bytes = text ? reinterpret_cast<const unsigned char*>(text->data) : nullptr;
+        if (!text || !append(out.ta.get(), ta.index, Value(bytes, bytes + text->len))) {
+            fprintf(stderr, "Could not sign the hash of trusted application %d\n", ta.index);
+            return std::nullopt;
+        }
+    }
     return out;
 }
 

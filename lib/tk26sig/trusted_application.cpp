@@ -132,63 +132,137 @@ bool isTrustedApplication(const char* dir, const char* fullName)
     return dir && fullName && std::strcmp(dir, taDirectory) == 0 && endsWith(fullName, taSuffix);
 }
 
-std::unique_ptr<TaHeaderMaking> TaHeaderMaking::start(std::string const& name, uint32_t imageSize, EVP_PKEY* taKey,
-                                                      unsigned int taAlgo)
+namespace {
+
+const EVP_MD* taDigest()
 {
     const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(NID_sha256));
-    std::unique_ptr<TaHeaderMaking> making(new TaHeaderMaking());
-    making->signing_.reset(md ? newTaSigningContext(taKey, taAlgo) : nullptr);
     if (!md)
         fprintf(stderr, "Failed to initialize ctx\n");
-    if (!making->signing_)
-        return nullptr;
+    return md;
+}
+
+// The key's signature size, asked of a context already set up for taAlgo.
+std::size_t signatureSizeOf(EVP_PKEY_CTX* signing)
+{
     std::size_t signatureSize = 0;
-    if (EVP_PKEY_sign(making->signing_.get(), nullptr, &signatureSize, nullptr, 0) < 1 || signatureSize == 0) {
+    if (EVP_PKEY_sign(signing, nullptr, &signatureSize, nullptr, 0) < 1 || signatureSize == 0) {
         fprintf(stderr, "Failed to get sig len\n");
-        return nullptr;
+        return 0;
     }
-    making->signatureSize_ = signatureSize;
+    return signatureSize;
+}
 
-    std::vector<unsigned char>& header = making->header_;
-    header.assign(signatureOffset + signatureSize + uuidRecordSize, 0);
-    putLittleEndian(&header[0], shdrMagic, 4);
-    putLittleEndian(&header[4], bootstrapImage, 4);
-    putLittleEndian(&header[8], imageSize, 4);
-    putLittleEndian(&header[12], taAlgo, 4);
-    putLittleEndian(&header[16], static_cast<uint32_t>(EVP_MD_size(md)), 2);
-    putLittleEndian(&header[18], static_cast<uint32_t>(signatureSize), 2);
+}  // namespace
 
-    unsigned char* uuidRecord = &header[signatureOffset + signatureSize];
+std::size_t taSignatureSize(EVP_PKEY* taKey, unsigned int taAlgo)
+{
+    if (!taDigest())
+        return 0;
+    PkeyCtxPtr signing(newTaSigningContext(taKey, taAlgo));
+    return signing ? signatureSizeOf(signing.get()) : 0;
+}
+
+bool TaHeaderMaking::layOut(std::string const& name, uint32_t imageSize, unsigned int taAlgo,
+                            std::size_t signatureSize)
+{
+    const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(NID_sha256));
+    signatureSize_ = signatureSize;
+    header_.assign(signatureOffset + signatureSize + uuidRecordSize, 0);
+    putLittleEndian(&header_[0], shdrMagic, 4);
+    putLittleEndian(&header_[4], bootstrapImage, 4);
+    putLittleEndian(&header_[8], imageSize, 4);
+    putLittleEndian(&header_[12], taAlgo, 4);
+    putLittleEndian(&header_[16], static_cast<uint32_t>(EVP_MD_size(md)), 2);
+    putLittleEndian(&header_[18], static_cast<uint32_t>(signatureSize), 2);
+
+    unsigned char* uuidRecord = &header_[signatureOffset + signatureSize];
     if (!uuidFromFileName(name, uuidRecord)) {
         fprintf(stderr, "Failed to get the UUID of TA.\n");
-        return nullptr;
+        return false;
     }
     // ta_version stays 0 from the zero fill.
 
     // The hash covers the fixed header fields, the UUID record, then the
     // image.
-    making->hash_.reset(EVP_MD_CTX_new());
-    EVP_MD_CTX* hash = making->hash();
-    if (!hash || !EVP_DigestInit_ex(hash, md, nullptr) || !EVP_DigestUpdate(hash, header.data(), fixedFieldsSize) ||
-        !EVP_DigestUpdate(hash, uuidRecord, uuidRecordSize)) {
+    hash_.reset(EVP_MD_CTX_new());
+    if (!hash_ || !EVP_DigestInit_ex(hash_.get(), md, nullptr) ||
+        !EVP_DigestUpdate(hash_.get(), header_.data(), fixedFieldsSize) ||
+        !EVP_DigestUpdate(hash_.get(), uuidRecord, uuidRecordSize)) {
         fprintf(stderr, "Failed to get the digest of TA.\n");
-        return nullptr;
+        return false;
     }
+    return true;
+}
+
+std::unique_ptr<TaHeaderMaking> TaHeaderMaking::start(std::string const& name, uint32_t imageSize, EVP_PKEY* taKey,
+                                                      unsigned int taAlgo)
+{
+    const EVP_MD* md = taDigest();
+    std::unique_ptr<TaHeaderMaking> making(new TaHeaderMaking());
+    making->signing_.reset(md ? newTaSigningContext(taKey, taAlgo) : nullptr);
+    if (!making->signing_)
+        return nullptr;
+    const std::size_t signatureSize = signatureSizeOf(making->signing_.get());
+    if (signatureSize == 0 || !making->layOut(name, imageSize, taAlgo, signatureSize))
+        return nullptr;
     return making;
+}
+
+std::unique_ptr<TaHeaderMaking> TaHeaderMaking::startHashOnly(std::string const& name, uint32_t imageSize,
+                                                              unsigned int taAlgo, std::size_t signatureSize)
+{
+    std::unique_ptr<TaHeaderMaking> making(new TaHeaderMaking());
+    if (!taDigest() || !making->layOut(name, imageSize, taAlgo, signatureSize))
+        return nullptr;
+    return making;
+}
+
+const unsigned char* TaHeaderMaking::uuid() const
+{
+    return &header_[signatureOffset + signatureSize_];
+}
+
+bool TaHeaderMaking::finishHash(unsigned char* out)
+{
+    if (EVP_DigestFinal_ex(hash_.get(), out, nullptr) != 1) {
+        fprintf(stderr, "Failed to get the digest of TA.\n");
+        return false;
+    }
+    return true;
 }
 
 GArray* TaHeaderMaking::finish()
 {
-    if (EVP_DigestFinal_ex(hash_.get(), &header_[hashOffset], nullptr) != 1) {
-        fprintf(stderr, "Failed to get the digest of TA.\n");
+    if (!finishHash(&header_[hashOffset]))
         return nullptr;
-    }
     std::size_t written = signatureSize_;
     if (EVP_PKEY_sign(signing_.get(), &header_[signatureOffset], &written, &header_[hashOffset], hashSize) < 1) {
         fprintf(stderr, "Failed to sign\n");
         return nullptr;
     }
     return toHexText(header_);
+}
+
+GArray* taHeaderFromHash(const unsigned char* uuid, uint32_t imageSize, unsigned int taAlgo,
+                         std::size_t signatureSize, const unsigned char* hash, EVP_PKEY* taKey)
+{
+    std::unique_ptr<TaHeaderMaking> making = TaHeaderMaking::start(
+        "00000000-0000-0000-0000-000000000000.ta", imageSize, taKey, taAlgo);
+    if (!making)
+        return nullptr;
+    if (making->signatureSize_ != signatureSize) {
+        fprintf(stderr, "TA key makes signatures of %zu bytes, not %zu\n", making->signatureSize_, signatureSize);
+        return nullptr;
+    }
+    std::memcpy(&making->header_[signatureOffset + signatureSize], uuid, taUuidSize);
+    std::memcpy(&making->header_[hashOffset], hash, taHashSize);
+    std::size_t written = signatureSize;
+    if (EVP_PKEY_sign(making->signing_.get(), &making->header_[signatureOffset], &written, hash, hashSize) < 1) {
+        fprintf(stderr, "Failed to sign\n");
+        return nullptr;
+    }
+    return toHexText(making->header_);
 }
 
 }  // namespace sealkeep
