@@ -115,8 +115,9 @@ ProofOfRotationChain* readRotationChainQuietly(CMS_ContentInfo* cms)
     if (!value)
         return nullptr;
     const unsigned char* der = ASN1_STRING_get0_data(value);
+    // The limits as readRotationChain applies them, without their messages.
     int count = sequenceElementCount(der, ASN1_STRING_length(value));
-    if (rotationCountExceedsLimit(count) || chainSizeExceedsLimit(ASN1_STRING_length(value)))
+    if (count > maxRotations || ASN1_STRING_length(value) > maxChainBytes)
         return nullptr;
     return d2i_ProofOfRotationChain(nullptr, &der, ASN1_STRING_length(value));
 }

@@ -144,7 +144,8 @@ TEST_F(CliVerifySigners, VerboseNamesEverySignerAsOpensslReadsIt)
             EXPECT_NE(found, std::string::npos) << line << result.output;
             EXPECT_LT(found, result.output.find("  block ", at + 1)) << line;
         }
-        json const& block = blocks[number - 1];
+        // --json lists the blocks as they were checked, newest first.
+        json const& block = blocks[3 - number];
         EXPECT_EQ(block["index"], number);
         EXPECT_EQ(block["verified"], true);
         EXPECT_EQ(block["reason"], "ok");
@@ -158,9 +159,9 @@ TEST_F(CliVerifySigners, VerboseNamesEverySignerAsOpensslReadsIt)
         EXPECT_EQ(block["previousKeyIds"], json::array());
         ++number;
     }
-    EXPECT_EQ(blocks[0]["group"], "developer");
+    EXPECT_EQ(blocks[2]["group"], "developer");
     EXPECT_EQ(blocks[1]["group"], "seclab");
-    EXPECT_EQ(blocks[2]["group"], "client");
+    EXPECT_EQ(blocks[0]["group"], "client");
     EXPECT_EQ(json::parse(verify(package, {"--json"}).output)["schemaVersion"], 1);
     // --print-certs is the same listing.
     EXPECT_EQ(verify(package, {"--print-certs"}).output, result.output);
@@ -183,7 +184,7 @@ TEST_F(CliVerifySigners, ATamperedBlockStillNamesItsSigner)
     json verdict = verifyJson(package);
     EXPECT_EQ(verdict["reason"], "content_digest_mismatch");
     ASSERT_EQ(verdict["blocks"].size(), 2u);
-    json const& refused = verdict["blocks"][0];
+    json const& refused = verdict["blocks"][1];
     EXPECT_EQ(refused["index"], 1);
     EXPECT_EQ(refused["verified"], false);
     EXPECT_EQ(refused["reason"], "content_digest_mismatch");
@@ -192,7 +193,7 @@ TEST_F(CliVerifySigners, ATamperedBlockStillNamesItsSigner)
     EXPECT_EQ(refused["subject"], developer.subject);
     EXPECT_EQ(refused["keyId"], developer.keyId);
     EXPECT_EQ(refused["sha256Fingerprint"], developer.fingerprint);
-    EXPECT_EQ(verdict["blocks"][1]["reason"], "ok");
+    EXPECT_EQ(verdict["blocks"][0]["reason"], "ok");
 
     auto result = verify(package, {"-v"});
     EXPECT_EQ(result.exitCode, 1);
@@ -265,15 +266,16 @@ TEST_F(CliVerifySigners, SignerPinsByKeyIdAndFingerprint)
     expectAccepted(package, {"--signer", "1=" + upper});
 
     expectRefused(package, {"--signer", "1=" + seclab.keyId}, "signer_not_pinned",
-                  "block 1 of 3 (developer, " + coveredText(blocks[0]) +
+                  "block 1 of 3 (developer, " + coveredText(blocks[2]) +
                       "): the signer is not the one pinned for this position (pinned: --signer 1=" + seclab.keyId +
                       "; found: " + developer.keyId + ")");
     expectRefused(package, {"--signer", "client=sha256:" + developer.fingerprint}, "signer_not_pinned",
-                  "block 3 of 3 (client, " + coveredText(blocks[2]) +
+                  "block 3 of 3 (client, " + coveredText(blocks[0]) +
                       "): the signer is not the one pinned for this position (pinned: --signer client=sha256:" +
                       developer.fingerprint + "; found: sha256:" + client.fingerprint + ")");
     // The pinned block carries the reason in --json; the others stay ok.
     json verdict = verifyJson(package, {"--signer", "2=" + developer.keyId});
+    EXPECT_EQ(verdict["blocks"][1]["index"], 2);
     EXPECT_EQ(verdict["blocks"][1]["reason"], "signer_not_pinned");
     EXPECT_EQ(verdict["blocks"][1]["verified"], false);
     EXPECT_EQ(verdict["blocks"][0]["reason"], "ok");

@@ -127,8 +127,8 @@ json packageJson(PackageVerdict const& verdict, std::string const& ca)
     }
     result["signatures"] = verdict.report.signatures();
     result["reason"] = PackageSignatures::reasonName(verdict.reason());
-    for (BlockVerification const* block : oldestFirst(verdict.report))
-        result["blocks"].push_back(blockJson(verdict, *block));
+    for (BlockVerification const& block : verdict.report.blocks())
+        result["blocks"].push_back(blockJson(verdict, block));
     if (!verdict.ok())
         result["error"] = refusalText(verdict, ca);
     return result;

@@ -35,6 +35,10 @@ inline constexpr std::int64_t maxScannedBytes = static_cast<std::int64_t>(maxSca
 inline constexpr int maxRotationProofs = 64;
 inline constexpr long maxRotationChainBytes = 1L << 20;
 
+// The first four bytes of an RPM package (the magic of its lead): what
+// FileWithCmses::isRpmPackage and signing look for.
+inline constexpr unsigned char rpmLeadMagic[4] = {0xED, 0xAB, 0xEE, 0xDB};
+
 // The trust database's schema, as PRAGMA user_version holds it.
 inline constexpr int databaseSchemaVersion = 4;
 
