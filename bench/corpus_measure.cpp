@@ -154,8 +154,8 @@ int measureVerification(std::string const& path, std::string const& ca, int runs
     // kilobytes of certificates and signature more than the attributes.
     std::vector<std::pair<std::int64_t, std::int64_t>> covered;
     if (auto file = PackageSignatures::FileWithCmses::fromPath(path)) {
-        for (auto const& block : file->verificationReport(ca.c_str()).blocks)
-            covered.emplace_back(block.coveredBegin, block.coveredEnd);
+        for (auto const& block : file->verificationReport(ca.c_str()).blocks())
+            covered.emplace_back(block.coveredBegin(), block.coveredEnd());
     }
     std::sort(covered.begin(), covered.end());
     const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path));

@@ -105,6 +105,23 @@ ProofOfRotationChain* readRotationChain(CMS_ContentInfo* cms, bool* tooLong)
         attribute, "Could not deserialize ProofOfRotationChain sequence\n");
 }
 
+ProofOfRotationChain* readRotationChainQuietly(CMS_ContentInfo* cms)
+{
+    STACK_OF(CMS_SignerInfo)* signers = cms ? CMS_get0_SignerInfos(cms) : nullptr;
+    if (!signers || sk_CMS_SignerInfo_num(signers) != 1)
+        return nullptr;
+    X509_ATTRIBUTE* attribute = firstSignedAttribute(sk_CMS_SignerInfo_value(signers, 0), rotationChainNid);
+    ASN1_STRING* value = attribute ? sequenceValue(attribute) : nullptr;
+    if (!value)
+        return nullptr;
+    const unsigned char* der = ASN1_STRING_get0_data(value);
+    // The limits as readRotationChain applies them, without their messages.
+    int count = sequenceElementCount(der, ASN1_STRING_length(value));
+    if (count > maxRotations || ASN1_STRING_length(value) > maxChainBytes)
+        return nullptr;
+    return d2i_ProofOfRotationChain(nullptr, &der, ASN1_STRING_length(value));
+}
+
 }  // namespace sealkeep
 
 using namespace sealkeep;

@@ -12,6 +12,11 @@ namespace sealkeep {
 // common/rotation_limit.hpp); it is then not decoded and null is returned.
 ProofOfRotationChain* readRotationChain(CMS_ContentInfo* cms, bool* tooLong);
 
+// The same without a word on standard error, for describing a signer whose
+// block may have been refused: null for a CMS without exactly one signer,
+// without a chain, with one that does not decode or is too long.
+ProofOfRotationChain* readRotationChainQuietly(CMS_ContentInfo* cms);
+
 }  // namespace sealkeep
 
 #endif

@@ -11,8 +11,10 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include "certificate_facts.hpp"
 #include "common/objects.hpp"
 #include "common/open_file.hpp"
+#include "common/pem_blocks.hpp"
 #include "common/ossl_ptr.hpp"
 
 namespace sealkeep {
@@ -69,17 +71,74 @@ bool allowsPackageSigning(const EXTENDED_KEY_USAGE* usage)
     return false;
 }
 
-// The store keeps its own reference to each certificate, so the local one is
-// always dropped, whether or not the store took it.
-void addEveryCertificate(FILE* file, X509_STORE* store)
+bool isCertificateLabel(std::string const& label)
 {
-    while (X509Ptr certificate{PEM_read_X509(file, nullptr, nullptr, nullptr)}) {
+    return label == PEM_STRING_X509 || label == PEM_STRING_X509_OLD || label == PEM_STRING_X509_TRUSTED;
+}
+
+// Every certificate up to the first certificate block that does not decode,
+// as OpenSSL's reader would take them, other blocks stepped over; but a block
+// too long for a certificate ends the read before it is held whole. The store
+// keeps its own reference to each certificate, so the local one is always
+// dropped, whether or not the store took it.
+void addEveryCertificate(FILE* file, const char* path, X509_STORE* store)
+{
+    PemBlocks blocks(file);
+    std::string block;
+    for (;;) {
+        PemBlocks::Next next = blocks.next(block);
+        if (next == PemBlocks::Next::TooLarge)
+            fprintf(stderr, "Certificate store \"%s\" holds a PEM block larger than any certificate\n", path);
+        if (next != PemBlocks::Next::Block)
+            return;
+        if (!isCertificateLabel(PemBlocks::labelOf(block)))
+            continue;
+        BioPtr bio(BIO_new_mem_buf(block.data(), static_cast<int>(block.size())));
+        X509Ptr certificate(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+        if (!certificate)
+            return;
         if (X509_STORE_add_cert(store, certificate.get()) != 1)
             fprintf(stderr, "Could not add CA certificate to X509 store\n");
     }
 }
 
 }  // namespace
+
+std::optional<std::string> certificateGroupText(X509* cert, const char** failure)
+{
+    EkuPtr usage(decodedExtension<EXTENDED_KEY_USAGE>(cert, NID_ext_key_usage));
+    if (!usage) {
+        *failure = "Failed to get certificate extensions\n";
+        return std::nullopt;
+    }
+    if (!allowsPackageSigning(usage.get())) {
+        *failure = "Package signing not allowed (there is no corresponding extended key usage)\n";
+        return std::nullopt;
+    }
+    Asn1StringPtr group(decodedExtension<ASN1_IA5STRING>(cert, certificateGroupNid));
+    if (!group) {
+        *failure = "Failed to get package group from certificate\n";
+        return std::nullopt;
+    }
+    MallocPtr text(copyStringBytes(group.get()));
+    if (!text) {
+        *failure = "Out of memory\n";
+        return std::nullopt;
+    }
+    return std::string(text.get());
+}
+
+std::optional<std::string> certificateKeyId(X509* cert)
+{
+    Asn1OctetStringPtr identifier(decodedExtension<ASN1_OCTET_STRING>(cert, NID_subject_key_identifier));
+    if (!identifier)
+        return std::nullopt;
+    MallocPtr text(hexOf(identifier.get()));
+    if (!text)
+        return std::nullopt;
+    return std::string(text.get());
+}
+
 }  // namespace sealkeep
 
 using namespace sealkeep;
@@ -113,7 +172,7 @@ X509_STORE* certificate_store_read(const char* path)
         fprintf(stderr, "Failed to allocate X509 store\n");
         return nullptr;
     }
-    addEveryCertificate(file.get(), store.get());
+    addEveryCertificate(file.get(), path, store.get());
     return store.release();
 }
 
@@ -149,33 +208,23 @@ char* certificate_get_subject(X509* cert)
 
 char* certificate_get_group(X509* cert)
 {
-    EkuPtr usage(decodedExtension<EXTENDED_KEY_USAGE>(cert, NID_ext_key_usage));
-    if (!usage) {
-        fprintf(stderr, "Failed to get certificate extensions\n");
+    const char* failure = nullptr;
+    auto text = certificateGroupText(cert, &failure);
+    if (!text) {
+        fputs(failure, stderr);
         return nullptr;
     }
-    if (!allowsPackageSigning(usage.get())) {
-        fprintf(stderr,
-                "Package signing not allowed (there is no corresponding extended key usage)\n");
-        return nullptr;
-    }
-    Asn1StringPtr group(decodedExtension<ASN1_IA5STRING>(cert, certificateGroupNid));
-    if (!group) {
-        fprintf(stderr, "Failed to get package group from certificate\n");
-        return nullptr;
-    }
-    return copyStringBytes(group.get());
+    return strdup(text->c_str());
 }
 
 char* certificate_get_keyid(X509* cert)
 {
-    Asn1OctetStringPtr identifier(
-        decodedExtension<ASN1_OCTET_STRING>(cert, NID_subject_key_identifier));
-    if (!identifier) {
+    auto keyId = certificateKeyId(cert);
+    if (!keyId) {
         fprintf(stderr, "Failed to extract keyid from certificate\n");
         return nullptr;
     }
-    return hexOf(identifier.get());
+    return strdup(keyId->c_str());
 }
 
 bool certificate_verify(X509* cert, X509_STORE* store)

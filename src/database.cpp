@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <sealkeep/configuration.hpp>
+#include <sealkeep/limits.hpp>
 
 #include "database_record.hpp"
 
@@ -19,7 +20,7 @@ namespace PackageSignatures {
 
 namespace {
 
-constexpr int currentVersion = 4;
+constexpr int currentVersion = databaseSchemaVersion;
 // How long a connection waits for another process's lock before it reports
 // the database busy. Only tests change it (setDatabaseBusyTimeoutForTests).
 constexpr int defaultBusyTimeoutMs = 5000;

@@ -1,10 +1,12 @@
 // FileWithCmses: an open signed file; lists, removes and classifies the
 // signature blocks appended to it.
 #include <sealkeep/file_with_cmses.hpp>
+#include <sealkeep/limits.hpp>
 
 #include <algorithm>
 #include <cerrno>
 #include <iostream>
+#include <iterator>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -64,8 +66,8 @@ int FileWithCmses::fd()
 
 bool FileWithCmses::isRpmPackage()
 {
-    static const std::vector<unsigned char> rpmLeadMagic{0xED, 0xAB, 0xEE, 0xDB};
-    return readFileRange(impl_->file, 0, 4) == rpmLeadMagic;
+    static const std::vector<unsigned char> magic(std::begin(rpmLeadMagic), std::end(rpmLeadMagic));
+    return readFileRange(impl_->file, 0, sizeof rpmLeadMagic) == magic;
 }
 
 // No filtering and no decoding: a block that cannot be read becomes an empty

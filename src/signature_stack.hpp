@@ -8,10 +8,11 @@
 #include <cstddef>
 
 #include <sealkeep/groups.hpp>
+#include <sealkeep/limits.hpp>
 
 namespace PackageSignatures {
 
-constexpr std::size_t maxSignatures = 3;
+constexpr std::size_t maxSignatures = maxStackSignatures;
 
 // Verification: whether a signer of group may stand at position (0-based) of
 // the stack, whoever stands before it.

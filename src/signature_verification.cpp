@@ -20,7 +20,9 @@
 #include "file_with_cmses_impl.hpp"
 #include "signature_stack.hpp"
 #include "signed_file_layout.hpp"
+#include "signer_facts.hpp"
 #include "signer_validity.hpp"
+#include "verification_report_record.hpp"
 
 namespace PackageSignatures {
 
@@ -64,57 +66,27 @@ VerificationReason chainReason(CMS_ContentInfo* cms, X509_STORE* store)
 
 }  // namespace
 
-char const* reasonName(VerificationReason reason)
-{
-    switch (reason) {
-    case VerificationReason::Ok:
-        return "ok";
-    case VerificationReason::UnreadableCa:
-        return "unreadable_ca";
-    case VerificationReason::NoSignatures:
-        return "no_signatures";
-    case VerificationReason::TooManySignatures:
-        return "too_many_signatures";
-    case VerificationReason::GroupNotAllowed:
-        return "group_not_allowed";
-    case VerificationReason::ContentDigestMismatch:
-        return "content_digest_mismatch";
-    case VerificationReason::CertificateChainNotTrusted:
-        return "certificate_chain_not_trusted";
-    case VerificationReason::RotationChainInvalid:
-        return "rotation_chain_invalid";
-    case VerificationReason::RotationChainNotAtSigner:
-        return "rotation_chain_not_at_signer";
-    case VerificationReason::CmsMalformed:
-        return "cms_malformed";
-    case VerificationReason::SignatureInvalid:
-        return "signature_invalid";
-    case VerificationReason::CertificateExpired:
-        return "certificate_expired";
-    case VerificationReason::CertificateNotYetValid:
-        return "certificate_not_yet_valid";
-    }
-    return "unknown";
-}
-
 bool FileWithCmses::verifyCmses(char const* caPath)
 {
-    return verificationReport(caPath).verified;
+    return verificationReport(caPath).verified();
 }
 
 // The one walk behind verifyCmses and the report: newest block first, each
 // over its covered bytes, then its signer's position; the first refusal ends it.
 VerificationReport FileWithCmses::verificationReport(char const* caPath)
 {
-    VerificationReport report;
-    auto refuse = [&report](VerificationReason reason) {
+    VerificationReport result;
+    ReportAccess::ReportRecord& report = ReportAccess::of(result);
+    auto refuse = [&](VerificationReason reason) {
         report.reason = reason;
         if (!report.blocks.empty())
-            report.blocks.back().reason = reason;
-        return report;
+            ReportAccess::of(report.blocks.back()).reason = reason;
+        return result;
     };
+    // A CA file that yields no certificate (a key, DER, garbage) trusts
+    // nothing: that is the CA file's fault, not any signer's.
     sealkeep::X509StorePtr store(certificate_store_read(caPath));
-    if (!store)
+    if (!store || sk_X509_OBJECT_num(X509_STORE_get0_objects(store.get())) == 0)
         return refuse(VerificationReason::UnreadableCa);
     auto locations = locateCmses(impl_->file);
     report.signatures = locations.size();
@@ -125,32 +97,34 @@ VerificationReport FileWithCmses::verificationReport(char const* caPath)
 
     for (std::size_t i = locations.size(); i-- > 0;) {
         auto range = coveredRange(impl_->file, locations, i);
-        BlockVerification block;
+        report.blocks.emplace_back();
+        ReportAccess::BlockRecord& block = ReportAccess::of(report.blocks.back());
         block.index = i;
         block.coveredBegin = range ? range->begin : 0;
         block.coveredEnd = range ? range->end : 0;
-        report.blocks.push_back(block);
         if (!range)
             return refuse(VerificationReason::CmsMalformed);
         Cms cms(readFileRangeWithin(impl_->file, locations[i].begin, locations[i].end));
         CMS_ContentInfo* parsed = cms.parsed();
         if (!parsed)
             return refuse(VerificationReason::CmsMalformed);
+        // From the CMS just read, before it is judged: a refused block still
+        // names who it claims signed it.
+        block.signer = signerFactsOf(parsed);
         sealkeep::BioPtr covered(sealkeep::bioOverFileRange(fd(), range->begin, range->end));
         sealkeep::CmsCheck check = sealkeep::checkCmsContent(covered.get(), parsed, store.get());
         if (check == sealkeep::CmsCheck::CertificateChain)
             return refuse(chainReason(parsed, store.get()));
         if (check != sealkeep::CmsCheck::Passed)
             return refuse(reasonOf(check));
-        // Asked only now: the readers print when a CMS has no single signer,
-        // and a refused block must print what verifyCmses always printed.
+        // The position rule judges the group as the library's readers see
+        // it, messages included, as verifyCmses always did.
         auto certificate = cms.certificate();
-        report.blocks.back().group = certificate ? certificate->group() : Group::None;
-        if (!groupAllowedAt(i, report.blocks.back().group))
+        if (!groupAllowedAt(i, certificate ? certificate->group() : Group::None))
             return refuse(VerificationReason::GroupNotAllowed);
     }
     report.verified = true;
-    return report;
+    return result;
 }
 
 }  // namespace PackageSignatures

@@ -10,26 +10,19 @@
 #include <vector>
 
 #include <sealkeep/file_with_cmses.hpp>
+#include <sealkeep/limits.hpp>
 
 #include "signature_stack.hpp"
 
 namespace PackageSignatures {
 
-constexpr long frameHeaderSize = 8;  // skippable-frame magic + frame size
+constexpr long frameHeaderSize = framePrefixSize;  // skippable-frame magic + frame size
 
-// The largest CMS a block may hold. An honest signature carries one IMA
-// record per payload file (about 160 bytes with its DER framing for a
-// GOST-512 key), so a package of 100,000 files needs about 16 MiB; twice
-// that leaves room for trusted-application headers. A header claiming more
-// ends the scan like a header longer than the file: it would make every
-// reader of the block allocate whatever the sender wrote in 12 bytes.
-constexpr std::int64_t maxCmsLength = 32 * 1024 * 1024;
-
-// How many blocks the backward scan collects before it stops. A valid stack
-// holds three; one more tells verification that there are too many and lets
-// signing see a full stack. Without it, megabytes of empty headers would
-// become a million blocks.
-constexpr std::size_t maxScannedBlocks = maxSignatures + 1;
+// maxCmsLength and maxScannedBlocks (sealkeep/limits.hpp) bound the scan. A
+// header claiming a larger CMS ends the scan like a header longer than the
+// file: it would make every reader of the block allocate whatever the sender
+// wrote in 12 bytes. Without a bound on the blocks collected, megabytes of
+// empty headers would become a million blocks.
 
 // One block found by the backward scan.
 struct CmsLocation {

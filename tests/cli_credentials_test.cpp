@@ -452,7 +452,7 @@ TEST_F(CliCredentials, VerifyNamesAnExpiredSignerCertificate)
     ASSERT_TRUE(signFile(package, expired));
     auto text = run({"verify", package, "--ca", pki->ca().certPath});
     EXPECT_EQ(text.exitCode, 1);
-    std::string line = "sealkeep: " + package + ": block 1 of 1 (covers bytes [0, " +
+    std::string line = "sealkeep: " + package + ": block 1 of 1 (developer, covers bytes [0, " +
                        std::to_string(fileSize(freshPackage("unsigned.rpm"))) +
                        ")): the signer's certificate (or a CA certificate of its chain) has expired\n";
     ASSERT_GE(text.errors.size(), line.size());

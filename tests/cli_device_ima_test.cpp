@@ -232,7 +232,7 @@ TEST_F(CliDeviceIma, APackageSignedUnderAnotherCaIsRefused)
     EXPECT_EQ(result.exitCode, 1);
     // After the library's own lines about the failed check.
     std::string refusal = "sealkeep: " + foreign + ": the signatures do not verify against " + ca() +
-                          ": block 1 of 1 (covers bytes [0, " + std::to_string(readFile(rpmTemplate).size()) +
+                          ": block 1 of 1 (developer, covers bytes [0, " + std::to_string(readFile(rpmTemplate).size()) +
                           ")): the signer's certificate does not chain to the CA\n";
     ASSERT_GE(result.errors.size(), refusal.size());
     EXPECT_EQ(result.errors.substr(result.errors.size() - refusal.size()), refusal) << result.errors;

@@ -265,8 +265,10 @@ TEST_F(CliPackages, VerifyJsonHasOneObjectPerPackage)
         EXPECT_EQ(verified["blocks"][i]["group"], groups[i]);
         EXPECT_EQ(verified["blocks"][i]["reason"], "ok");
     }
-    EXPECT_EQ(verified["blocks"][2]["covered"], json({{"begin", 0}, {"end", fileSize(rpmTemplate)}}));
+    EXPECT_EQ(verified["blocks"][2]["coveredBegin"], 0);
+    EXPECT_EQ(verified["blocks"][2]["coveredEnd"], fileSize(rpmTemplate));
     EXPECT_EQ(verdicts["packages"][1], json({{"path", unsignedPackage},
+                                             {"ok", false},
                                              {"verified", false},
                                              {"signatures", 0},
                                              {"reason", "no_signatures"},
@@ -282,7 +284,7 @@ TEST_F(CliPackages, VerifyCatchesAFlippedByte)
     auto result = run({"verify", package, "--ca", pki->ca().certPath});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.output, package + ": refused\n");
-    std::string line = "sealkeep: " + package + ": block 1 of 3 (covers bytes [0, " +
+    std::string line = "sealkeep: " + package + ": block 1 of 3 (developer, covers bytes [0, " +
                        std::to_string(fileSize(rpmTemplate)) +
                        ")): the covered bytes do not match the signature (content digest)\n";
     ASSERT_GE(result.errors.size(), line.size());

@@ -88,7 +88,13 @@ TEST(ExportedSymbols, TheClassInterfaceIsExported)
           "std::vector<PackageSignatures::Cms, std::allocator<PackageSignatures::Cms> > const&)",
           "PackageSignatures::Certificate::isSystemDeveloperCertificate() const",
           "PackageSignatures::FileWithCmses::verificationReport(char const*)",
-          "PackageSignatures::reasonName(PackageSignatures::VerificationReason)"})
+          "PackageSignatures::reasonName(PackageSignatures::VerificationReason)",
+          "PackageSignatures::reasonText(PackageSignatures::VerificationReason)",
+          "PackageSignatures::reasonExitStatus(PackageSignatures::VerificationReason)",
+          "PackageSignatures::verificationReasons()",
+          "PackageSignatures::VerificationReport::blocks() const",
+          "PackageSignatures::BlockVerification::sha256Fingerprint[abi:cxx11]() const",
+          "PackageSignatures::BlockVerification::previousKeyIds[abi:cxx11]() const"})
         EXPECT_TRUE(symbols.count(expected)) << expected;
 }
 

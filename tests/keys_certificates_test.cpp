@@ -1,5 +1,6 @@
 // Reading keys, certificates and CA stores, the facts taken out of a
 // certificate (common name, group, key id), and verification against a store.
+#include <chrono>
 #include <cstring>
 #include <string>
 
@@ -11,6 +12,7 @@
 
 #include "support/files.hpp"
 #include "support/pki.hpp"
+#include "support/process.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace sealkeep::test {
@@ -156,6 +158,37 @@ TEST_F(KeysAndCertificates, StoreKeepsCertificatesBeforeAMalformedThirdBlock)
 
     EXPECT_TRUE(holdsSubjectOf(store.get(), pki.developer().certPath));
     EXPECT_FALSE(holdsSubjectOf(store.get(), pki.seclab().certPath));
+}
+
+// A PEM block far longer than any certificate ends the read before it is
+// held: a few megabytes and milliseconds, not the block's size in memory.
+TEST_F(KeysAndCertificates, AHugePemBlockEndsTheStoreReadInBoundedMemory)
+{
+    std::string path = file("huge.pem");
+    {
+        FilePtr out(fopen(path.c_str(), "wb"));
+        ASSERT_NE(out, nullptr);
+        fputs(readText(pki.ca().certPath).c_str(), out.get());
+        fputs("-----BEGIN CERTIFICATE-----\n", out.get());
+        std::string line(64, 'A');
+        line += '\n';
+        for (long written = 0; written < (128L << 20); written += static_cast<long>(line.size()))
+            fputs(line.c_str(), out.get());
+        fputs("-----END CERTIFICATE-----\n", out.get());
+        fputs(readText(pki.developer().certPath).c_str(), out.get());
+    }
+    resetPeakResident();
+    long before = peakResidentKib();
+    auto start = std::chrono::steady_clock::now();
+    X509StorePtr store;
+    std::string errors = stderrOf([&] { store.reset(certificate_store_read(path.c_str())); });
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_NE(store, nullptr);
+    // The certificate in front of the block is kept; nothing after it is read.
+    EXPECT_EQ(1, certificatesIn(store.get()));
+    EXPECT_EQ("Certificate store \"" + path + "\" holds a PEM block larger than any certificate\n", errors);
+    EXPECT_LT(peakResidentKib() - before, 32L * 1024);
+    EXPECT_LT(seconds, 2.0);
 }
 
 TEST_F(KeysAndCertificates, StoreAcceptsTheSameCertificateTwice)

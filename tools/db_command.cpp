@@ -27,7 +27,7 @@ namespace {
 using PackageSignatures::Database;
 
 // The schema version this build of the library writes and understands.
-constexpr int knownSchemaVersion = 4;
+constexpr int knownSchemaVersion = PackageSignatures::databaseSchemaVersion;
 
 struct DbOptions {
     std::string conf;  // empty: the default configuration file

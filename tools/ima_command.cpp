@@ -202,7 +202,7 @@ std::optional<PackageSignatures::Cms> trustedDeveloperSignature(ImaOptions const
         return std::nullopt;
     }
     PackageSignatures::VerificationReport report = file.verificationReport(ca.c_str());
-    if (!report.verified) {
+    if (!report.verified()) {
         reportFailure(options.package, "the signatures do not verify against " + ca + ": " +
                                            verificationRefusal(report, ca));
         return std::nullopt;

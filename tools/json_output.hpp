@@ -10,6 +10,10 @@
 
 namespace sealkeep::cli {
 
+// The version of the documents' layout; raised when a key changes meaning
+// or goes away, not when one is added.
+constexpr int jsonSchemaVersion = 1;
+
 // Indented by two spaces; every invalid UTF-8 sequence becomes U+FFFD.
 std::string jsonText(nlohmann::json const& value);
 // jsonText as one line of standard output.

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -16,12 +17,13 @@
 #include <rpm/rpmio.h>
 #include <rpm/rpmlib.h>
 
+#include <sealkeep/limits.hpp>
+
 namespace sealkeep::cli {
 
 bool hasRpmLead(int fd)
 {
-    static constexpr std::array<unsigned char, 4> magic = {0xED, 0xAB, 0xEE, 0xDB};
-    std::array<unsigned char, 4> lead{};
+    std::array<unsigned char, sizeof PackageSignatures::rpmLeadMagic> lead{};
     std::size_t got = 0;
     while (got < lead.size()) {
         ssize_t n = pread(fd, lead.data() + got, lead.size() - got, static_cast<off_t>(got));
@@ -31,7 +33,7 @@ bool hasRpmLead(int fd)
             return false;
         got += static_cast<std::size_t>(n);
     }
-    return lead == magic;
+    return std::equal(lead.begin(), lead.end(), std::begin(PackageSignatures::rpmLeadMagic));
 }
 
 namespace {

@@ -16,31 +16,6 @@ constexpr std::uint32_t taMagic = 0x4F545348u;  // "HSTO"
 constexpr std::size_t taFixedSize = 20;         // magic .. sig_size
 constexpr std::size_t taTrailerSize = 20;       // UUID and TA version
 
-// The kernel's enum hash_algo, in its order, with OpenSSL's digest for each
-// one this command can compute.
-constexpr std::array<ImaHashAlgorithm, 20> imaHashAlgorithms = {{
-    {"md4", NID_md4},
-    {"md5", NID_md5},
-    {"sha1", NID_sha1},
-    {"rmd160", NID_ripemd160},
-    {"sha256", NID_sha256},
-    {"sha384", NID_sha384},
-    {"sha512", NID_sha512},
-    {"sha224", NID_sha224},
-    {"rmd128", NID_undef},
-    {"rmd256", NID_undef},
-    {"rmd320", NID_undef},
-    {"wp256", NID_undef},
-    {"wp384", NID_undef},
-    {"wp512", NID_undef},
-    {"tgr128", NID_undef},
-    {"tgr160", NID_undef},
-    {"tgr192", NID_undef},
-    {"sm3", NID_sm3},
-    {"streebog256", NID_id_GostR3411_2012_256},
-    {"streebog512", NID_id_GostR3411_2012_512},
-}};
-
 std::string taAlgorithmName(std::uint32_t algorithm)
 {
     switch (algorithm) {
@@ -92,9 +67,9 @@ unsigned le16(unsigned char const* p)
 
 std::optional<ImaHashAlgorithm> imaHashAlgorithm(unsigned number)
 {
-    if (number >= imaHashAlgorithms.size())
+    if (number >= PackageSignatures::imaHashAlgorithmCount)
         return std::nullopt;
-    return imaHashAlgorithms[number];
+    return PackageSignatures::imaHashAlgorithms[number];
 }
 
 std::optional<ImaRecord> decodeImaRecord(unsigned char const* data, std::size_t size)

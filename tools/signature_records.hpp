@@ -10,13 +10,12 @@
 #include <string>
 #include <vector>
 
+#include <sealkeep/ima_hash_algorithms.hpp>
+
 namespace sealkeep::cli {
 
 // A digest as an IMA record numbers it: the kernel's enum hash_algo.
-struct ImaHashAlgorithm {
-    char const* name;  // the kernel's name, e.g. "streebog256"
-    int nid;           // OpenSSL's; NID_undef where OpenSSL has no such digest
-};
+using PackageSignatures::ImaHashAlgorithm;
 
 // The algorithm the kernel numbers so; nothing for a number it does not use.
 std::optional<ImaHashAlgorithm> imaHashAlgorithm(unsigned number);

@@ -12,6 +12,8 @@
 #include <sealkeep/detached_signing.hpp>
 #include <sealkeep/file_with_cmses.hpp>
 #include <sealkeep/groups.hpp>
+#include <sealkeep/ima_hash_algorithms.hpp>
+#include <sealkeep/limits.hpp>
 #include <sealkeep/rotation.hpp>
 #include <sealkeep/verification_report.hpp>
 

@@ -3,12 +3,14 @@
 #ifndef SEALKEEP_COMMON_ROTATION_LIMIT_HPP
 #define SEALKEEP_COMMON_ROTATION_LIMIT_HPP
 
+#include <sealkeep/limits.hpp>
+
 namespace sealkeep {
 
 // A key rotated every month for five years makes 60 proofs. Each proof costs
 // two certificates to decode and two signatures to check, so without a bound
 // the sender of a signature decides what verifying it costs.
-constexpr int maxRotations = 64;
+constexpr int maxRotations = PackageSignatures::maxRotationProofs;
 
 // True, after "Proof-of-rotation chain has %d proofs, more than the limit of
 // %d\n", when count exceeds maxRotations.
@@ -18,7 +20,7 @@ bool rotationCountExceedsLimit(int count);
 // file. A proof holds two certificates and two signatures, a few KiB at most
 // (about 2 KiB with GOST keys), so 64 of them fit many times over; the bound
 // keeps a hostile chain from costing more than an honest one to read.
-constexpr long maxChainBytes = 1L << 20;
+constexpr long maxChainBytes = PackageSignatures::maxRotationChainBytes;
 
 // True, after "Proof-of-rotation chain of %lld bytes, more than the limit of
 // %ld bytes\n", when bytes exceeds maxChainBytes.

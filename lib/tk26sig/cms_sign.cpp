@@ -11,6 +11,8 @@
 #include <openssl/cms.h>
 #include <unistd.h>
 
+#include <sealkeep/limits.hpp>
+
 #include "common/background_copy.hpp"
 #include "common/bio_source.hpp"
 #include "common/chunked_io.hpp"
@@ -45,10 +47,10 @@ struct PayloadSigning {
 // read.
 bool startsWithRpmLead(int fd)
 {
-    static constexpr unsigned char leadMagic[] = {0xED, 0xAB, 0xEE, 0xDB};
-    unsigned char head[sizeof leadMagic];
+    using PackageSignatures::rpmLeadMagic;
+    unsigned char head[sizeof rpmLeadMagic];
     return pread(fd, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head) &&
-           std::equal(leadMagic, leadMagic + sizeof leadMagic, head);
+           std::equal(rpmLeadMagic, rpmLeadMagic + sizeof rpmLeadMagic, head);
 }
 
 // The range as a temporary file, in pieces: the payload walk needs a file

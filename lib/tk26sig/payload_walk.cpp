@@ -27,6 +27,8 @@
 #include <rpm/rpmlib.h>
 #include <unistd.h>
 
+#include <sealkeep/ima_hash_algorithms.hpp>
+
 #include <sealkeep/sealkeep.h>
 
 #include "common/rpm_ptr.hpp"
@@ -61,17 +63,11 @@ constexpr rpm_loff_t maxSymlinkTarget = PATH_MAX;
 // that have one; unknownHashAlgo otherwise.
 unsigned char imaHashAlgo(const EVP_MD* md)
 {
-    struct Mapping {
-        int nid;
-        unsigned char algo;
-    };
-    static constexpr Mapping table[] = {
-        {NID_md4, 0},    {NID_md5, 1},    {NID_sha1, 2},   {NID_ripemd160, 3}, {NID_sha256, 4},
-        {NID_sha384, 5}, {NID_sha512, 6}, {NID_sha224, 7}, {982, 18},          {983, 19},
-    };
-    for (auto const& entry : table)
-        if (entry.nid == EVP_MD_type(md))
-            return entry.algo;
+    for (std::size_t algo = 0; algo < PackageSignatures::imaHashAlgorithmCount; ++algo) {
+        int nid = PackageSignatures::imaHashAlgorithms[algo].nid;
+        if (nid != NID_undef && nid == EVP_MD_type(md))
+            return static_cast<unsigned char>(algo);
+    }
     return unknownHashAlgo;
 }
 
