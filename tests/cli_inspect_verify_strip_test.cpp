@@ -255,7 +255,8 @@ TEST_F(CliPackages, VerifyJsonHasOneObjectPerPackage)
     ASSERT_EQ(verdicts["packages"].size(), 2u);
     json const& verified = verdicts["packages"][0];
     EXPECT_EQ(verified["path"], good);
-    EXPECT_EQ(verified["verified"], true);
+    EXPECT_EQ(verdicts["schemaVersion"], 1);
+    EXPECT_EQ(verified["ok"], true);
     EXPECT_EQ(verified["signatures"], 3);
     EXPECT_EQ(verified["reason"], "ok");
     ASSERT_EQ(verified["blocks"].size(), 3u);
@@ -267,7 +268,7 @@ TEST_F(CliPackages, VerifyJsonHasOneObjectPerPackage)
     }
     EXPECT_EQ(verified["blocks"][2]["covered"], json({{"begin", 0}, {"end", fileSize(rpmTemplate)}}));
     EXPECT_EQ(verdicts["packages"][1], json({{"path", unsignedPackage},
-                                             {"verified", false},
+                                             {"ok", false},
                                              {"signatures", 0},
                                              {"reason", "no_signatures"},
                                              {"blocks", json::array()},

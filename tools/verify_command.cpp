@@ -40,15 +40,15 @@ nlohmann::json blockJson(BlockVerification const& block)
 // The verdict on one package, with the blocks checked, newest first.
 nlohmann::json verifyPackage(std::string const& path, std::string const& ca)
 {
-    nlohmann::json result = {{"path", path}, {"verified", false}, {"blocks", nlohmann::json::array()}};
     std::string refusal;
     auto file = openPackageForReading(path, refusal);
     if (!file) {
-        result["error"] = refusal;
+        nlohmann::json result = fileResult(path, false, "unreadable_file", refusal);
+        result["blocks"] = nlohmann::json::array();
         return result;
     }
     VerificationReport report = file->verificationReport(ca.c_str());
-    result["verified"] = report.verified;
+    nlohmann::json result = {{"path", path}, {"ok", report.verified}, {"blocks", nlohmann::json::array()}};
     result["signatures"] = report.signatures;
     result["reason"] = PackageSignatures::reasonName(report.reason);
     for (BlockVerification const& block : report.blocks)
@@ -66,7 +66,7 @@ int runVerify(VerifyOptions const& options)
     bool allVerified = true;
     for (auto const& path : options.packages) {
         nlohmann::json result = verifyPackage(path, options.ca);
-        if (result["verified"]) {
+        if (result["ok"]) {
             if (!options.json)
                 printLine(path + ": verified (" + countOf(result["signatures"].get<std::size_t>(), "signature") + ")");
         } else {
