@@ -301,7 +301,7 @@ TEST_F(CliDeviceDb, AFileWithoutAHeaderNeedsAName)
               "sealkeep: " + blob + ": no package name: it has no RPM header to take one from; give NAME\n");
     auto named = db({"check", "blob", blob});
     EXPECT_EQ(named.exitCode, 0) << named.errors;
-    EXPECT_EQ(named.output, "blob: Accepted (signer " + keyIdOf(pki->developer()) + ")\n");
+    EXPECT_EQ(named.output, "blob: accepted (signer " + keyIdOf(pki->developer()) + ")\n");
 }
 
 // Installers and readers on one device database at once: a lock held by

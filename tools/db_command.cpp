@@ -290,7 +290,7 @@ std::optional<std::string> recordedName(DbOptions const& options, std::string co
     }
     std::string const& given = options.nameAndPackage.front();
     if (headerName && *headerName != given && !options.otherName) {
-        reportFailure(path, "its header names the package " + *headerName + ", not " + given +
+        reportFailure(path, "its header names the package " + visible(*headerName) + ", not " + visible(given) +
                                 " (give --other-name to record it under another name)");
         return std::nullopt;
     }
