@@ -472,10 +472,11 @@ int changeRevocation(DbOptions const& options, Place const& place, Database& db,
         return statusFailed;
     }
     int status = db.getKeyidRevocationStatus(options.keyid);
+    bool revoked = status == Database::Superseded || status == Database::Blacklisted;
     if (options.json)
-        printJson({{"keyId", options.keyid}, {"revoked", status == Database::Superseded || status == Database::Blacklisted},
-                   {"type", status == Database::Superseded || status == Database::Blacklisted
-                                ? nlohmann::json(revocationName(status)) : nlohmann::json(nullptr)}});
+        printJson({{"keyId", options.keyid},
+                   {"revoked", revoked},
+                   {"type", revoked ? nlohmann::json(revocationName(status)) : nlohmann::json(nullptr)}});
     else
         printLine(visible(options.keyid) + ": " + revocationName(status));
     return statusOk;
