@@ -86,18 +86,23 @@ Tables tablesOf(CLI::App const& app)
     return tables;
 }
 
-std::string assignments(std::string const& array, std::map<std::string, std::string> const& table)
+// bash assigns element by element; zsh takes the quotes of a subscript as
+// part of the key, so it gets the whole array as key-value pairs.
+enum class Shell { Bash, Zsh };
+
+std::string assignments(Shell shell, std::string const& array, std::map<std::string, std::string> const& table)
 {
-    std::string text;
+    std::string text = shell == Shell::Zsh ? array + "=(\n" : "";
     for (auto const& [key, words] : table)
-        text += "    " + array + "[\"" + key + "\"]=\"" + words + "\"\n";
-    return text;
+        text += shell == Shell::Zsh ? "    '" + key + "' '" + words + "'\n"
+                                    : "    " + array + "[\"" + key + "\"]=\"" + words + "\"\n";
+    return shell == Shell::Zsh ? text + ")\n" : text;
 }
 
-std::string declarations(Tables const& tables)
+std::string declarations(Shell shell, Tables const& tables)
 {
-    return assignments("subcommands", tables.subcommands) + assignments("options", tables.options) +
-           assignments("valued", tables.valued);
+    return assignments(shell, "subcommands", tables.subcommands) + assignments(shell, "options", tables.options) +
+           assignments(shell, "valued", tables.valued);
 }
 
 }  // namespace
@@ -158,7 +163,7 @@ std::string bashCompletion(CLI::App const& app)
            "_sealkeep()\n"
            "{\n"
            "    local -A subcommands options valued\n" +
-           declarations(tablesOf(app)) +
+           declarations(Shell::Bash, tablesOf(app)) +
            "    local cur=\"${COMP_WORDS[COMP_CWORD]}\" prev=\"${COMP_WORDS[COMP_CWORD-1]}\"\n"
            "    local key=sealkeep word i\n"
            "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
@@ -186,7 +191,7 @@ std::string zshCompletion(CLI::App const& app)
     return "#compdef sealkeep\n"
            "# zsh completion for sealkeep, generated from the command's own options.\n"
            "local -A subcommands options valued\n" +
-           declarations(tablesOf(app)) +
+           declarations(Shell::Zsh, tablesOf(app)) +
            "local key=sealkeep word i\n"
            "for ((i = 2; i < CURRENT; i++)); do\n"
            "    word=${words[i]}\n"
