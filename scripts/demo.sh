@@ -158,7 +158,7 @@ echo "The old key is now superseded:"
 show sealkeep db revoked
 
 step "Blacklisting the key the new one was rotated from blocks the update."
-old_keyid=$(sealkeep db revoked --json | sed -n 's/.*"keyid": "\([0-9a-f]*\)".*/\1/p' | head -n 1)
+old_keyid=$(sealkeep db revoked --json | sed -n 's/.*"keyId": "\([0-9a-f]*\)".*/\1/p' | head -n 1)
 show sealkeep db revoke "$old_keyid" --blacklisted
 refused sealkeep db check sealkeep-demo update.rpm
 show sealkeep db unrevoke "$old_keyid" --blacklisted

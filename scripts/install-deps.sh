@@ -13,6 +13,9 @@ packages=(
   zstd cpio ima-evm-utils attr
   strace e2fsprogs util-linux mount
   libcli11-dev nlohmann-json3-dev help2man
+  # The JSON documents are checked against the installed schema; the zsh
+  # completion is tried under zsh.
+  python3-jsonschema zsh
   softhsm2 libengine-pkcs11-openssl opensc
   # Packaging: rpmbuild comes with rpm; the Debian packages and their checks.
   dpkg-dev debhelper fakeroot lintian

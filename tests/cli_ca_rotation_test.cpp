@@ -237,7 +237,9 @@ TEST_F(CliCa, RotateMakesAndExtendsAChain)
     auto shown = run({"rotation", "show", "chain.pem", "--json"});
     EXPECT_EQ(shown.exitCode, 0) << shown.errors;
     json chain = json::parse(shown.output);
-    EXPECT_EQ(chain["verified"], true);
+    EXPECT_EQ(chain["ok"], true);
+    EXPECT_EQ(chain["path"], "chain.pem");
+    EXPECT_EQ(chain["schemaVersion"], 1);
     ASSERT_EQ(chain["rotations"].size(), 2u);
     EXPECT_EQ(chain["rotations"][0]["old"], json({{"subject", "rotate-a"}, {"keyId", keyIdOf(a.certPath)}}));
     EXPECT_EQ(chain["rotations"][1]["new"], json({{"subject", "rotate-c"}, {"keyId", keyIdOf(c.certPath)}}));
@@ -337,7 +339,15 @@ TEST_F(CliCa, BadUsageExitsWithTwo)
     auto none = run({});
     EXPECT_EQ(none.exitCode, 2);
     EXPECT_EQ(none.errors, "sealkeep: A subcommand is required (see --help)\n");
-    EXPECT_EQ(run({"frobnicate"}).exitCode, 2);
+    auto unknown = run({"frobnicate"});
+    EXPECT_EQ(unknown.exitCode, 2);
+    EXPECT_EQ(unknown.errors, "sealkeep: unknown subcommand \"frobnicate\"; the subcommands are: sign, prepare, "
+                              "sign-request, attach, verify, inspect, strip, ca, rotate, rotation, db, ima, help "
+                              "(see --help)\n");
+    auto unknownBelow = run({"ca", "sign"});
+    EXPECT_EQ(unknownBelow.exitCode, 2);
+    EXPECT_EQ(unknownBelow.errors,
+              "sealkeep: unknown subcommand \"sign\"; the subcommands are: init, issue (see --help)\n");
     EXPECT_EQ(run({"ca"}).exitCode, 2);
     EXPECT_EQ(run({"inspect"}).exitCode, 2);
 }

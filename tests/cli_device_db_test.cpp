@@ -115,7 +115,7 @@ TEST_F(CliDeviceDb, ADevicesLife)
 
     auto installed = db({"install", first});
     ASSERT_EQ(installed.exitCode, 0) << installed.errors;
-    EXPECT_EQ(installed.output, "cli-demo: Accepted (signer " + developer + ")\ncli-demo: recorded\n");
+    EXPECT_EQ(installed.output, "cli-demo: accepted (signer " + developer + ")\ncli-demo: recorded\n");
     EXPECT_EQ(device.query("SELECT p.id, c.key FROM packages p JOIN certificates c ON c.id = p.certificateid"),
               "cli-demo|" + developer + "\n");
 
@@ -124,19 +124,20 @@ TEST_F(CliDeviceDb, ADevicesLife)
     EXPECT_EQ(json::parse(status.output),
               json({{"configuration", device.conf()},
                     {"database", device.database()},
-                    {"schema_version", 4},
-                    {"developer_mode", {{"enabled", false}, {"decided_by", device.root() + "/etc/sealkeep/developermode.conf"}}},
+                    {"databaseSchemaVersion", 4},
+                    {"developerMode", {{"enabled", false}, {"decidedBy", device.root() + "/etc/sealkeep/developermode.conf"}}},
                     {"packages", 1},
                     {"certificates", 1},
-                    {"superseded_keyids", 0},
-                    {"blacklisted_keyids", 0}}));
+                    {"supersededKeyIds", 0},
+                    {"blacklistedKeyIds", 0},
+                    {"schemaVersion", 1}}));
 
     // Another developer may not take the package over.
     std::string stranger = keyIdOf(other);
     auto refused = db({"install", signedBy(other, "other.rpm")});
     EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_EQ(refused.output, "cli-demo: DeveloperMismatch (signer " + stranger + ", installed " + developer + ")\n");
-    EXPECT_EQ(refused.errors, "sealkeep: " + work.file("other.rpm") + ": not installed: DeveloperMismatch\n");
+    EXPECT_EQ(refused.output, "cli-demo: developer_mismatch (signer " + stranger + ", installed " + developer + ")\n");
+    EXPECT_EQ(refused.errors, "sealkeep: " + work.file("other.rpm") + ": not installed: developer_mismatch\n");
     EXPECT_EQ(device.query("SELECT c.key FROM packages p JOIN certificates c ON c.id = p.certificateid"),
               developer + "\n");
 
@@ -148,12 +149,15 @@ TEST_F(CliDeviceDb, ADevicesLife)
     std::string next = keyIdOf(successor);
     auto check = db({"check", rotated, "--json"});
     EXPECT_EQ(check.exitCode, 0) << check.errors;
-    EXPECT_EQ(json::parse(check.output), json({{"package", "cli-demo"},
-                                               {"decision", "Accepted"},
+    EXPECT_EQ(json::parse(check.output), json({{"path", rotated},
+                                               {"ok", true},
+                                               {"package", "cli-demo"},
+                                               {"decision", "accepted"},
                                                {"code", 0},
-                                               {"signer_keyid", next},
-                                               {"previous_keyids", {developer}},
-                                               {"installed_keyid", developer}}));
+                                               {"signerKeyId", next},
+                                               {"previousKeyIds", {developer}},
+                                               {"installedKeyId", developer},
+                                               {"schemaVersion", 1}}));
     auto update = db({"install", rotated});
     ASSERT_EQ(update.exitCode, 0) << update.errors;
     EXPECT_EQ(device.query("SELECT keyid, type FROM revoked_keyids"), developer + "|0\n");
@@ -161,7 +165,7 @@ TEST_F(CliDeviceDb, ADevicesLife)
     // The old key is superseded: the first package is no longer admitted.
     auto superseded = db({"check", first});
     EXPECT_EQ(superseded.exitCode, 1);
-    EXPECT_EQ(superseded.output, "cli-demo: KeySuperseded (signer " + developer + ", installed " + next + ")\n");
+    EXPECT_EQ(superseded.output, "cli-demo: key_superseded (signer " + developer + ", installed " + next + ")\n");
 
     auto list = db({"list", "--json"});
     ASSERT_EQ(list.exitCode, 0);
@@ -169,7 +173,7 @@ TEST_F(CliDeviceDb, ADevicesLife)
     ASSERT_EQ(packages.size(), 1u);
     EXPECT_EQ(packages[0]["name"], "cli-demo");
     ASSERT_EQ(packages[0]["signers"].size(), 1u);
-    EXPECT_EQ(packages[0]["signers"][0]["keyid"], next);
+    EXPECT_EQ(packages[0]["signers"][0]["keyId"], next);
     EXPECT_EQ(packages[0]["signers"][0]["group"], "developer");
 
     // Blacklisting the key it was rotated from blocks the update, and drops nothing active.
@@ -178,15 +182,15 @@ TEST_F(CliDeviceDb, ADevicesLife)
     EXPECT_EQ(blacklist.output, developer + ": blacklisted\n");
     auto blocked = db({"install", rotated});
     EXPECT_EQ(blocked.exitCode, 1);
-    EXPECT_EQ(blocked.output, "cli-demo: KeyBlacklisted (signer " + next + ", rotated from " + developer +
+    EXPECT_EQ(blocked.output, "cli-demo: key_blacklisted (signer " + next + ", rotated from " + developer +
                                   ", installed " + next + ")\n");
     auto revoked = db({"revoked", "--json"});
-    EXPECT_EQ(json::parse(revoked.output), json({{"revoked", {{{"keyid", developer}, {"type", "blacklisted"}}}}}));
+    EXPECT_EQ(json::parse(revoked.output), json({{"revoked", {{{"keyId", developer}, {"type", "blacklisted"}}}}, {"schemaVersion", 1}}));
 
     // Blacklisting the package's own key drops its certificate from the active set.
     EXPECT_EQ(db({"revoke", next, "--blacklisted"}).exitCode, 0);
     auto active = db({"certificates", "--active", "--json"});
-    EXPECT_EQ(json::parse(active.output), json({{"certificates", json::array()}}));
+    EXPECT_EQ(json::parse(active.output), json({{"certificates", json::array()}, {"schemaVersion", 1}}));
     EXPECT_EQ(json::parse(db({"certificates", "--json"}).output)["certificates"].size(), 2u);
     auto unrevoke = db({"unrevoke", next, "--blacklisted"});
     EXPECT_EQ(unrevoke.output, next + ": not revoked\n");
@@ -221,7 +225,7 @@ TEST_F(CliDeviceDb, RevocationFileFollowsDeveloperMode)
     EXPECT_EQ(device.query("SELECT keyid, type FROM revoked_keyids"), stranger + "|1\n");
     auto blocked = db({"check", "tool", "other.rpm", "--other-name"});
     EXPECT_EQ(blocked.exitCode, 1);
-    EXPECT_EQ(blocked.output, "tool: KeyBlacklisted (signer " + stranger + ")\n");
+    EXPECT_EQ(blocked.output, "tool: key_blacklisted (signer " + stranger + ")\n");
 
     // A missing revocation file is reported and changes nothing.
     std::remove(device.revocation().c_str());
@@ -297,7 +301,7 @@ TEST_F(CliDeviceDb, AFileWithoutAHeaderNeedsAName)
               "sealkeep: " + blob + ": no package name: it has no RPM header to take one from; give NAME\n");
     auto named = db({"check", "blob", blob});
     EXPECT_EQ(named.exitCode, 0) << named.errors;
-    EXPECT_EQ(named.output, "blob: Accepted (signer " + keyIdOf(pki->developer()) + ")\n");
+    EXPECT_EQ(named.output, "blob: accepted (signer " + keyIdOf(pki->developer()) + ")\n");
 }
 
 // Installers and readers on one device database at once: a lock held by

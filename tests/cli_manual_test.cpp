@@ -83,5 +83,49 @@ TEST(CliManual, TheInstalledPageDescribesEverySubcommand)
     }
 }
 
+// The text of the section titled heading (up to the next .SH), plain.
+std::string section(std::string const& heading)
+{
+    std::string manual = readText(SEALKEEP_TEST_MANPAGE);
+    std::string title = heading.find(' ') == std::string::npos ? heading : "\"" + heading + "\"";
+    auto at = manual.find("\n.SH " + title + "\n");
+    if (at == std::string::npos)
+        return "";
+    auto end = manual.find("\n.SH ", at + 1);
+    return plainText(manual.substr(at, end == std::string::npos ? std::string::npos : end - at));
+}
+
+TEST(CliManual, TheEnvironmentNamesEveryVariableTheCommandReads)
+{
+    std::string environment = section("ENVIRONMENT");
+    for (char const* variable : {"SEALKEEP_ROOTFS", "OPENSSL_ENGINES", "env:VAR"})
+        EXPECT_NE(environment.find(variable), std::string::npos) << variable << " in\n" << environment;
+}
+
+TEST(CliManual, FilesNameTheConfigurationTheSchemaAndTheCompletions)
+{
+    std::string files = section("FILES");
+    for (char const* file : {"/etc/sealkeep/sealkeep.conf", "share/sealkeep/sealkeep.schema.json",
+                             "share/bash-completion/completions/sealkeep", "share/zsh/site-functions/_sealkeep"})
+        EXPECT_NE(files.find(file), std::string::npos) << file << " in\n" << files;
+}
+
+TEST(CliManual, EverySubcommandHasAnExample)
+{
+    std::string examples = section("EXAMPLES") + "\n";
+    for (auto const& path : leafSubcommands()) {
+        bool shown = examples.find("\nsealkeep " + path + " ") != std::string::npos ||
+                     examples.find("\nsealkeep " + path + "\n") != std::string::npos;
+        EXPECT_TRUE(shown) << "no example of \"" << path << "\"";
+    }
+}
+
+TEST(CliManual, SeeAlsoAndTheRpmNoteArePresent)
+{
+    EXPECT_NE(section("SEE ALSO").find("rpm"), std::string::npos);
+    EXPECT_NE(section("NOTES").find("rpm -i --nodigest"), std::string::npos) << section("NOTES");
+    EXPECT_NE(section("EXIT STATUS"), "");
+}
+
 }  // namespace
 }  // namespace sealkeep::test

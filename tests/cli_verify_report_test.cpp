@@ -54,7 +54,7 @@ protected:
         auto asJson = verify({package}, true);
         EXPECT_EQ(asJson.exitCode, 1);
         json verdict = json::parse(asJson.output)["packages"][0];
-        EXPECT_EQ(verdict["verified"], false);
+        EXPECT_EQ(verdict["ok"], false);
         EXPECT_EQ(verdict["reason"], reason);
         EXPECT_EQ(verdict["error"], why);
         if (!verdict["blocks"].empty()) {
@@ -150,7 +150,7 @@ TEST_F(CliVerifyReport, AFlippedByteInTheNewestBlockNamesThatBlock)
     bytes.at(bytes.size() - 13) ^= 1;
     writeFile(package, bytes);
     json verdict = json::parse(verify({package}, true).output)["packages"][0];
-    EXPECT_EQ(verdict["verified"], false);
+    EXPECT_EQ(verdict["ok"], false);
     ASSERT_EQ(verdict["blocks"].size(), 1u);
     EXPECT_EQ(verdict["blocks"][0]["index"], 2);
     EXPECT_NE(verdict["blocks"][0]["reason"], "ok");
@@ -206,7 +206,7 @@ TEST_F(CliVerifyReport, AnUnreadableCaRefusesEveryPackage)
     json packages = json::parse(asJson.output)["packages"];
     ASSERT_EQ(packages.size(), 2u);
     for (auto const& verdict : packages) {
-        EXPECT_EQ(verdict["verified"], false);
+        EXPECT_EQ(verdict["ok"], false);
         EXPECT_EQ(verdict["reason"], "unreadable_ca");
         EXPECT_EQ(verdict["error"], why);
         EXPECT_EQ(verdict["blocks"], json::array());

@@ -11,16 +11,20 @@
 #include <string>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
+#include "json_output.hpp"
 #include "key_checks.hpp"
 #include "key_source.hpp"
 #include "owned.hpp"
 #include "pending_output.hpp"
+#include "terminal_text.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -33,6 +37,7 @@ struct InitOptions {
     KeyOption key;
     std::string commonName;
     bool force = false;
+    bool json = false;
 };
 
 struct IssueOptions {
@@ -43,6 +48,7 @@ struct IssueOptions {
     std::string caCert;
     std::string group;
     bool force = false;
+    bool json = false;
 };
 
 // An existing certificate is replaced only when asked: a CA certificate
@@ -143,8 +149,44 @@ std::optional<std::string> groupTextProblem(std::string const& text)
     return std::nullopt;
 }
 
-int runInit(InitOptions const& options)
+// The first value of the request's subject a terminal would act on (a
+// control character, or bytes that are not UTF-8), escaped; nothing when
+// every value prints as it is or the request cannot be read (the library
+// then says so). A subject is printed by every command that shows the
+// certificate, and must never move the cursor or forge a line there.
+std::optional<std::string> controlInSubject(std::string const& requestPath)
 {
+    BioPtr bio(BIO_new_file(requestPath.c_str(), "r"));
+    X509ReqPtr request(bio ? PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    ERR_clear_error();
+    X509_NAME* subject = request ? X509_REQ_get_subject_name(request.get()) : nullptr;
+    for (int i = 0; subject && i < X509_NAME_entry_count(subject); ++i) {
+        unsigned char* text = nullptr;
+        int length = ASN1_STRING_to_UTF8(&text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, i)));
+        std::string value = length < 0 ? std::string("\xff") : std::string(reinterpret_cast<char*>(text), length);
+        OPENSSL_free(text);
+        if (length < 0 || !printable(value))
+            return length < 0 ? std::string("(not readable as text)") : visible(value);
+    }
+    return std::nullopt;
+}
+
+// What is printed and put in JSON for a certificate written to out.
+nlohmann::json issuedJson(std::string const& out)
+{
+    ps::Certificate issued = ps::Certificate::readCertificateFromFile(out.c_str());
+    nlohmann::json result = fileResult(out, true);
+    result.update({{"subject", issued.subject()}, {"keyId", issued.keyId()}});
+    return result;
+}
+
+int runInit(InitOptions const& options, nlohmann::json& result)
+{
+    if (!printable(options.commonName)) {
+        reportFailure(options.out, "CA certificate not issued: the common name holds control characters: \"" +
+                                       visible(options.commonName) + "\"");
+        return statusFailed;
+    }
     if (!mayWrite(options.out, options.force))
         return statusFailed;
     int status = statusOk;
@@ -163,14 +205,21 @@ int runInit(InitOptions const& options)
     }
     if (!commitCertificate(*output, options.out, "CA certificate"))
         return statusFailed;
-    printLine(options.out + ": CA certificate for \"" + options.commonName + "\"");
+    result = issuedJson(options.out);
+    if (!options.json)
+        printLine(options.out + ": CA certificate for \"" + visible(options.commonName) + "\"");
     return statusOk;
 }
 
-int runIssue(IssueOptions const& options)
+int runIssue(IssueOptions const& options, nlohmann::json& result)
 {
     if (auto problem = groupTextProblem(options.group)) {
         reportFailure(options.out, *problem);
+        return statusFailed;
+    }
+    if (auto control = controlInSubject(options.request)) {
+        reportFailure(options.out, "certificate not issued: the request's subject holds control characters: \"" +
+                                       *control + "\"");
         return statusFailed;
     }
     if (!mayWrite(options.out, options.force))
@@ -194,9 +243,11 @@ int runIssue(IssueOptions const& options)
     }
     if (!commitCertificate(*output, options.out, "certificate"))
         return statusFailed;
-    ps::Certificate issued = ps::Certificate::readCertificateFromFile(options.out.c_str());
-    printLine(options.out + ": " + options.group + " certificate for \"" + issued.subject() + "\", key id " +
-              issued.keyId());
+    result = issuedJson(options.out);
+    result["group"] = options.group;
+    if (!options.json)
+        printLine(options.out + ": " + options.group + " certificate for \"" +
+                  visible(result["subject"].get<std::string>()) + "\", key id " + result["keyId"].get<std::string>());
     return statusOk;
 }
 
@@ -213,8 +264,10 @@ void addCaCommands(CLI::App& app, int& status)
     addKeyOption(*initCommand, init->key, "--key", "--pass", "CA private key")->required();
     initCommand->add_option("--cn", init->commonName, "Common name of the CA")->required();
     initCommand->add_flag("--force", init->force, "Replace an existing certificate");
+    initCommand->add_flag("--json", init->json, "Print the result as JSON");
     addEngineOptions(*initCommand, init->engine);
-    initCommand->callback([init, &status] { status = runInit(*init); });
+    initCommand->callback([init, &status] { status = runWithResult(init->json, init->out, "not_issued",
+                                        [&](nlohmann::json& result) { return runInit(*init, result); }); });
 
     auto issue = std::make_shared<IssueOptions>();
     CLI::App* issueCommand = ca->add_subcommand("issue", "Issue a signer certificate from a request");
@@ -226,8 +279,10 @@ void addCaCommands(CLI::App& app, int& status)
         ->add_option("--group", issue->group, "Signer group, optionally with a subgroup: developer, seclab:mdm, ...")
         ->required();
     issueCommand->add_flag("--force", issue->force, "Replace an existing certificate");
+    issueCommand->add_flag("--json", issue->json, "Print the result as JSON");
     addEngineOptions(*issueCommand, issue->engine);
-    issueCommand->callback([issue, &status] { status = runIssue(*issue); });
+    issueCommand->callback([issue, &status] { status = runWithResult(issue->json, issue->out, "not_issued",
+                                        [&](nlohmann::json& result) { return runIssue(*issue, result); }); });
 }
 
 }  // namespace sealkeep::cli

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -18,10 +19,33 @@ constexpr int statusFailed = 1;  // refused, invalid or failed
 constexpr int statusUsage = 2;   // bad usage
 
 // "sealkeep: FILE: REASON" on standard error. Lines from several threads do
-// not interleave.
+// not interleave. Parts that came from a file are escaped by the caller
+// (visible); a line that still holds a control character is escaped whole.
 void reportFailure(std::string const& file, std::string const& reason);
-// One line on standard output, whole even when several threads print.
+// "sealkeep: TEXT" on standard error, escaped as reportFailure's lines.
+void reportProblem(std::string const& text);
+// One line on standard output, whole even when several threads print, and
+// escaped as reportFailure's lines.
 void printLine(std::string const& line);
+// Text of the command's own making (JSON, help) on standard output as it is.
+void printText(std::string const& text);
+
+// The reasons reportFailure gave on this thread while it lives, for a
+// result that carries them (the "error" of a JSON document) as well.
+class FailureNotes {
+public:
+    FailureNotes();
+    ~FailureNotes();
+    FailureNotes(FailureNotes const&) = delete;
+    FailureNotes& operator=(FailureNotes const&) = delete;
+    bool empty() const { return reasons_.empty(); }
+    // The reasons in order, joined by "; ".
+    std::string text() const;
+
+private:
+    std::vector<std::string> reasons_;
+    std::vector<std::string>* outer_;
+};
 // "1 signature", "3 signatures".
 std::string countOf(std::size_t count, std::string const& noun);
 // strerror(errno), read at the call.

@@ -20,6 +20,7 @@
 #include "input_file.hpp"
 #include "json_output.hpp"
 #include "package_files.hpp"
+#include "terminal_text.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -179,17 +180,17 @@ std::string decisionName(PackageSignatures::PackageCheckResult result)
 {
     switch (result) {
     case PackageSignatures::Accepted:
-        return "Accepted";
+        return "accepted";
     case PackageSignatures::NotDeveloperSigned:
-        return "NotDeveloperSigned";
+        return "not_developer_signed";
     case PackageSignatures::DeveloperMismatch:
-        return "DeveloperMismatch";
+        return "developer_mismatch";
     case PackageSignatures::KeySuperseded:
-        return "KeySuperseded";
+        return "key_superseded";
     case PackageSignatures::KeyBlacklisted:
-        return "KeyBlacklisted";
+        return "key_blacklisted";
     }
-    return "Unknown(" + std::to_string(static_cast<int>(result)) + ")";
+    return "unknown_" + std::to_string(static_cast<int>(result));
 }
 
 std::string revocationName(int status)
@@ -208,14 +209,14 @@ nlohmann::json certificateJson(PackageSignatures::Certificate const& certificate
 {
     return {{"group", PackageSignatures::groupToString(certificate.group())},
             {"subgroup", PackageSignatures::subgroupToString(certificate.subgroup())},
-            {"keyid", certificate.keyId()},
+            {"keyId", certificate.keyId()},
             {"subject", certificate.subject()}};
 }
 
 std::string certificateLine(nlohmann::json const& certificate)
 {
-    return certificate["group"].get<std::string>() + " " + certificate["keyid"].get<std::string>() + " " +
-           certificate["subject"].get<std::string>();
+    return certificate["group"].get<std::string>() + " " + certificate["keyId"].get<std::string>() + " " +
+           visible(certificate["subject"].get<std::string>());
 }
 
 // Which developer-mode file gave the answer, as isDeveloperModeEnabled reads
@@ -225,18 +226,18 @@ nlohmann::json developerModeJson(Database const& db, Place const& place)
     PackageSignatures::Configuration configuration(place.confPath);
     bool enabled = false;
     if (db.readDeveloperModeConfig(Database::Runtime, enabled))
-        return {{"enabled", enabled}, {"decided_by", configuration.developerModeRuntimeConfPath()}};
+        return {{"enabled", enabled}, {"decidedBy", configuration.developerModeRuntimeConfPath()}};
     if (db.readDeveloperModeConfig(Database::Initial, enabled))
-        return {{"enabled", enabled}, {"decided_by", configuration.developerModeInitialConfPath()}};
-    return {{"enabled", false}, {"decided_by", nullptr}};
+        return {{"enabled", enabled}, {"decidedBy", configuration.developerModeInitialConfPath()}};
+    return {{"enabled", false}, {"decidedBy", nullptr}};
 }
 
 std::string developerModeLine(nlohmann::json const& mode)
 {
     std::string line = std::string("developer mode: ") + (mode["enabled"].get<bool>() ? "on" : "off");
-    if (mode["decided_by"].is_null())
+    if (mode["decidedBy"].is_null())
         return line + " (no developer-mode file answers)";
-    return line + " (decided by " + mode["decided_by"].get<std::string>() + ")";
+    return line + " (decided by " + mode["decidedBy"].get<std::string>() + ")";
 }
 
 int runStatus(DbOptions const& options, Place const& place, Database& db)
@@ -247,20 +248,20 @@ int runStatus(DbOptions const& options, Place const& place, Database& db)
         (db.getKeyidRevocationStatus(keyid) == Database::Superseded ? superseded : blacklisted)++;
     nlohmann::json status = {{"configuration", place.confPath},
                              {"database", place.databasePath},
-                             {"schema_version", db.queryVersion()},
-                             {"developer_mode", developerModeJson(db, place)},
+                             {"databaseSchemaVersion", db.queryVersion()},
+                             {"developerMode", developerModeJson(db, place)},
                              {"packages", db.packages().size()},
                              {"certificates", db.certificates().size()},
-                             {"superseded_keyids", superseded},
-                             {"blacklisted_keyids", blacklisted}};
+                             {"supersededKeyIds", superseded},
+                             {"blacklistedKeyIds", blacklisted}};
     if (options.json) {
         printJson(status);
         return statusOk;
     }
     printLine("configuration: " + place.confPath);
     printLine("database: " + place.databasePath);
-    printLine("schema version: " + std::to_string(status["schema_version"].get<int>()));
-    printLine(developerModeLine(status["developer_mode"]));
+    printLine("schema version: " + std::to_string(status["databaseSchemaVersion"].get<int>()));
+    printLine(developerModeLine(status["developerMode"]));
     printLine("packages: " + std::to_string(status["packages"].get<std::size_t>()));
     printLine("certificates: " + std::to_string(status["certificates"].get<std::size_t>()));
     printLine("superseded key ids: " + std::to_string(superseded));
@@ -289,26 +290,30 @@ std::optional<std::string> recordedName(DbOptions const& options, std::string co
     }
     std::string const& given = options.nameAndPackage.front();
     if (headerName && *headerName != given && !options.otherName) {
-        reportFailure(path, "its header names the package " + *headerName + ", not " + given +
+        reportFailure(path, "its header names the package " + visible(*headerName) + ", not " + visible(given) +
                                 " (give --other-name to record it under another name)");
         return std::nullopt;
     }
     return given;
 }
 
-std::optional<VerifiedPackage> verifiedPackage(DbOptions const& options, Place const& place)
+// reason names why there is none.
+std::optional<VerifiedPackage> verifiedPackage(DbOptions const& options, Place const& place, std::string& reason)
 {
     std::string const& path = options.nameAndPackage.back();
     std::string ca = PackageSignatures::Configuration(place.confPath).caPath();
     std::string refusal;
     auto file = openPackageForReading(path, refusal);
+    reason = "unreadable_file";
     if (!file) {
         reportFailure(path, refusal);
         return std::nullopt;
     }
+    reason = "package_name_refused";
     std::optional<std::string> name = recordedName(options, path, file->fd());
     if (!name)
         return std::nullopt;
+    reason = "not_verified";
     if (!file->verifyCmses(ca.c_str())) {
         std::string why = inputRefusal(ca) == notRegularFile ? std::string(" (") + notRegularFile + ")" : "";
         reportFailure(path, "the signatures do not verify against " + ca + why);
@@ -322,72 +327,99 @@ nlohmann::json admission(Database& db, std::string const& name, std::vector<Pack
 {
     auto decision = db.checkPackage(name, cmses, false);
     nlohmann::json result = {{"package", name}, {"decision", decisionName(decision)},
-                             {"code", static_cast<int>(decision)}};
+                             {"code", static_cast<int>(decision)}, {"ok", decision == PackageSignatures::Accepted}};
+    if (decision != PackageSignatures::Accepted)
+        result["reason"] = decisionName(decision);
     auto developer = PackageSignatures::developerCmsFromVector(cmses);
     if (developer) {
-        result["signer_keyid"] = developer->certificate()->keyId();
+        result["signerKeyId"] = developer->certificate()->keyId();
         nlohmann::json previous = nlohmann::json::array();
         if (auto chain = developer->rotationChain())
             for (auto const& keyid : chain->previousKeyids())
                 previous.push_back(keyid);
-        result["previous_keyids"] = previous;
+        result["previousKeyIds"] = previous;
     }
     auto installed = db.packageCertificateWithGroup(name, PackageSignatures::Group::Developer);
-    result["installed_keyid"] = installed ? nlohmann::json(installed->keyId()) : nlohmann::json(nullptr);
+    result["installedKeyId"] = installed ? nlohmann::json(installed->keyId()) : nlohmann::json(nullptr);
     return result;
 }
 
 std::string admissionLine(nlohmann::json const& result)
 {
-    std::string line = result["package"].get<std::string>() + ": " + result["decision"].get<std::string>();
-    if (result.contains("signer_keyid")) {
-        line += " (signer " + result["signer_keyid"].get<std::string>();
-        for (auto const& keyid : result["previous_keyids"])
+    std::string line = visible(result["package"].get<std::string>()) + ": " + result["decision"].get<std::string>();
+    if (result.contains("signerKeyId")) {
+        line += " (signer " + result["signerKeyId"].get<std::string>();
+        for (auto const& keyid : result["previousKeyIds"])
             line += ", rotated from " + keyid.get<std::string>();
-        if (!result["installed_keyid"].is_null())
-            line += ", installed " + result["installed_keyid"].get<std::string>();
+        if (!result["installedKeyId"].is_null())
+            line += ", installed " + result["installedKeyId"].get<std::string>();
         line += ")";
     }
     return line;
 }
 
+// The admission decision on the package given, with its path and, when
+// it is refused, the reason; nothing but the reason when there is no decision.
+nlohmann::json checkedPackage(DbOptions const& options, Place const& place, Database& db,
+                              std::optional<VerifiedPackage>& package)
+{
+    std::string const& path = options.nameAndPackage.back();
+    FailureNotes notes;
+    std::string reason;
+    package = verifiedPackage(options, place, reason);
+    if (!package)
+        return fileResult(path, false, reason, notes.text());
+    nlohmann::json result = admission(db, package->name, package->cmses);
+    result["path"] = path;
+    return result;
+}
+
 int runCheck(DbOptions const& options, Place const& place, Database& db)
 {
-    auto package = verifiedPackage(options, place);
-    if (!package)
-        return statusFailed;
-    nlohmann::json result = admission(db, package->name, package->cmses);
-    printLine(options.json ? jsonText(result) : admissionLine(result));
-    return result["code"] == PackageSignatures::Accepted ? statusOk : statusFailed;
+    std::optional<VerifiedPackage> package;
+    nlohmann::json result = checkedPackage(options, place, db, package);
+    if (options.json)
+        printJson(result);
+    else if (package)
+        printLine(admissionLine(result));
+    return result["ok"] ? statusOk : statusFailed;
 }
 
 int runInstall(DbOptions const& options, Place const& place, Database& db)
 {
-    auto package = verifiedPackage(options, place);
-    if (!package)
-        return statusFailed;
-    nlohmann::json result = admission(db, package->name, package->cmses);
-    printLine(admissionLine(result));
-    if (result["code"] != PackageSignatures::Accepted) {
-        reportFailure(options.nameAndPackage.back(), "not installed: " + result["decision"].get<std::string>());
-        return statusFailed;
+    std::optional<VerifiedPackage> package;
+    nlohmann::json result = checkedPackage(options, place, db, package);
+    result["recorded"] = false;
+    if (package) {
+        if (!options.json)
+            printLine(admissionLine(result));
+        if (!result["ok"]) {
+            reportFailure(options.nameAndPackage.back(), "not installed: " + result["decision"].get<std::string>());
+        } else if (!db.insertPackage(package->name, package->cmses)) {
+            reportFailure(place.databasePath, "could not record " + visible(package->name));
+            result.update({{"ok", false}, {"reason", "not_recorded"}});
+        } else {
+            result["recorded"] = true;
+            if (!options.json)
+                printLine(visible(package->name) + ": recorded");
+        }
     }
-    if (!db.insertPackage(package->name, package->cmses)) {
-        reportFailure(place.databasePath, "could not record " + package->name);
-        return statusFailed;
-    }
-    printLine(package->name + ": recorded");
-    return statusOk;
+    if (options.json)
+        printJson(result);
+    return result["recorded"] ? statusOk : statusFailed;
 }
 
 int runRemove(DbOptions const& options, Place const& place, Database& db)
 {
     bool existed = db.packageExists(options.name);
     if (!db.removePackage(options.name)) {
-        reportFailure(place.databasePath, "could not remove " + options.name);
+        reportFailure(place.databasePath, "could not remove " + visible(options.name));
         return statusFailed;
     }
-    printLine(options.name + (existed ? ": removed" : ": was not recorded"));
+    if (options.json)
+        printJson({{"package", options.name}, {"removed", existed}});
+    else
+        printLine(visible(options.name) + (existed ? ": removed" : ": was not recorded"));
     return statusOk;
 }
 
@@ -405,7 +437,7 @@ int runList(DbOptions const& options, Place const& /*place*/, Database& db)
         return statusOk;
     }
     for (auto const& package : packages) {
-        printLine(package["name"].get<std::string>());
+        printLine(visible(package["name"].get<std::string>()));
         for (auto const& signer : package["signers"])
             printLine("  " + certificateLine(signer));
     }
@@ -436,10 +468,17 @@ int changeRevocation(DbOptions const& options, Place const& place, Database& db,
     auto type = revocationType(options);
     bool done = insert ? db.insertRevokedKeyid(options.keyid, type) : db.removeRevokedKeyid(options.keyid, type);
     if (!done) {
-        reportFailure(place.databasePath, "could not change key id " + options.keyid);
+        reportFailure(place.databasePath, "could not change key id " + visible(options.keyid));
         return statusFailed;
     }
-    printLine(options.keyid + ": " + revocationName(db.getKeyidRevocationStatus(options.keyid)));
+    int status = db.getKeyidRevocationStatus(options.keyid);
+    bool revoked = status == Database::Superseded || status == Database::Blacklisted;
+    if (options.json)
+        printJson({{"keyId", options.keyid},
+                   {"revoked", revoked},
+                   {"type", revoked ? nlohmann::json(revocationName(status)) : nlohmann::json(nullptr)}});
+    else
+        printLine(visible(options.keyid) + ": " + revocationName(status));
     return statusOk;
 }
 
@@ -457,17 +496,17 @@ int runRevoked(DbOptions const& options, Place const& /*place*/, Database& db)
 {
     nlohmann::json keyids = nlohmann::json::array();
     for (auto const& keyid : db.revokedKeyids())
-        keyids.push_back({{"keyid", keyid}, {"type", revocationName(db.getKeyidRevocationStatus(keyid))}});
+        keyids.push_back({{"keyId", keyid}, {"type", revocationName(db.getKeyidRevocationStatus(keyid))}});
     if (options.json) {
         printJson({{"revoked", keyids}});
         return statusOk;
     }
     for (auto const& keyid : keyids)
-        printLine(keyid["keyid"].get<std::string>() + " " + keyid["type"].get<std::string>());
+        printLine(visible(keyid["keyId"].get<std::string>()) + " " + keyid["type"].get<std::string>());
     return statusOk;
 }
 
-int runSync(DbOptions const& /*options*/, Place const& place, Database& db)
+int runSync(DbOptions const& options, Place const& place, Database& db)
 {
     bool enabled = db.isDeveloperModeEnabled();
     if (!db.updateRevokedKeyids()) {
@@ -475,14 +514,20 @@ int runSync(DbOptions const& /*options*/, Place const& place, Database& db)
                       "could not apply the revocation file");
         return statusFailed;
     }
-    printLine(std::string("revoked key ids updated (developer mode ") + (enabled ? "on" : "off") + ")");
+    if (options.json)
+        printJson({{"updated", true}, {"developerMode", developerModeJson(db, place)}});
+    else
+        printLine(std::string("revoked key ids updated (developer mode ") + (enabled ? "on" : "off") + ")");
     return statusOk;
 }
 
 int runDeveloperMode(DbOptions const& options, Place const& place, Database& db)
 {
     nlohmann::json mode = developerModeJson(db, place);
-    printLine(options.json ? jsonText(mode) : developerModeLine(mode));
+    if (options.json)
+        printJson(mode);
+    else
+        printLine(developerModeLine(mode));
     return statusOk;
 }
 
@@ -490,6 +535,7 @@ CLI::App* addDbSubcommand(CLI::App& db, char const* name, char const* descriptio
 {
     CLI::App* command = db.add_subcommand(name, description);
     command->add_option("--conf", options.conf, "Configuration file (default /etc/sealkeep/sealkeep.conf under $SEALKEEP_ROOTFS)");
+    command->add_flag("--json", options.json, "Print as JSON");
     return command;
 }
 
@@ -502,7 +548,6 @@ void addDbCommands(CLI::App& app, int& status)
     db->require_subcommand(1);
 
     auto* statusCommand = addDbSubcommand(*db, "status", "Configuration, schema, developer mode and counts", *options);
-    statusCommand->add_flag("--json", options->json, "Print as JSON");
     runOnDatabase(*statusCommand, options, status, true, runStatus);
 
     for (bool install : {false, true}) {
@@ -522,7 +567,6 @@ void addDbCommands(CLI::App& app, int& status)
         if (install) {
             runOnDatabase(*command, options, status, false, runInstall);
         } else {
-            command->add_flag("--json", options->json, "Print as JSON");
             runOnDatabase(*command, options, status, true, runCheck);
         }
     }
@@ -532,12 +576,10 @@ void addDbCommands(CLI::App& app, int& status)
     runOnDatabase(*remove, options, status, false, runRemove);
 
     auto* list = addDbSubcommand(*db, "list", "Installed packages with their signers", *options);
-    list->add_flag("--json", options->json, "Print as JSON");
     runOnDatabase(*list, options, status, true, runList);
 
     auto* certificates = addDbSubcommand(*db, "certificates", "Recorded certificates", *options);
     certificates->add_flag("--active", options->active, "Only those that sign a package and are not blacklisted");
-    certificates->add_flag("--json", options->json, "Print as JSON");
     runOnDatabase(*certificates, options, status, true, runCertificates);
 
     for (bool insert : {true, false}) {
@@ -554,14 +596,12 @@ void addDbCommands(CLI::App& app, int& status)
     }
 
     auto* revoked = addDbSubcommand(*db, "revoked", "Revoked key ids", *options);
-    revoked->add_flag("--json", options->json, "Print as JSON");
     runOnDatabase(*revoked, options, status, true, runRevoked);
 
     auto* sync = addDbSubcommand(*db, "sync", "Apply the revocation file according to developer mode", *options);
     runOnDatabase(*sync, options, status, false, runSync);
 
     auto* mode = addDbSubcommand(*db, "developer-mode", "Whether developer mode is on, and which file says so", *options);
-    mode->add_flag("--json", options->json, "Print as JSON");
     runOnDatabase(*mode, options, status, true, runDeveloperMode);
 }
 

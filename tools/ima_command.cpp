@@ -25,16 +25,19 @@
 #include <openssl/x509.h>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
 #include "input_file.hpp"
+#include "json_output.hpp"
 #include "owned.hpp"
 #include "package_files.hpp"
 #include "rooted_file.hpp"
 #include "signed_attributes.hpp"
 #include "signature_records.hpp"
+#include "terminal_text.hpp"
 #include "verification_text.hpp"
 
 namespace sealkeep::cli {
@@ -47,6 +50,7 @@ struct ImaOptions {
     std::string conf;  // empty: the default configuration file
     bool xattrUser = false;
     bool dryRun = false;
+    bool json = false;
 };
 
 // The digest of the first limit bytes read from fd (fewer when it ends
@@ -137,39 +141,47 @@ std::string installationRefusal(int fd, PackageFile const& packaged)
 }
 
 // How files are labelled: under which root, checked with which key, with
-// which attribute, and whether for real.
+// which attribute, whether for real, and whether the results are printed as
+// text as they come.
 struct Labelling {
     int root;
     EVP_PKEY* key;
     char const* attribute;
     bool dryRun;
+    bool text;
 };
+
+// A file refused: reported, and its result (not ok) added to files.
+bool refuse(std::string const& path, std::string const& reason, std::string const& why, nlohmann::json& files)
+{
+    reportFailure(visible(path), why);
+    files.push_back(fileResult(path, false, reason, why));
+    return false;
+}
 
 // Checks and labels the file the package installed as name; false (and
 // reported) when it is refused. The file is checked and labelled through one
 // descriptor, reached from the root without following any link: what is
 // labelled is what was checked, and nothing outside the root.
 bool label(Labelling const& how, std::string const& root, PackageFile const& packaged,
-           std::vector<unsigned char> const& record)
+           std::vector<unsigned char> const& record, nlohmann::json& files)
 {
     std::string path = root + packaged.name;
     RootedFile file = openUnderRoot(how.root, packaged.name);
     std::string refusal = file.fd ? installationRefusal(file.fd.get(), packaged) : file.refusal;
     if (refusal.empty())
         refusal = signatureRefusal(file.fd.get(), packaged.size, record, how.key);
-    if (!refusal.empty()) {
-        reportFailure(path, refusal);
-        return false;
-    }
-    if (how.dryRun) {
-        printLine(path + ": would set " + how.attribute + " (" + countOf(record.size(), "byte") + ")");
-        return true;
-    }
-    if (fsetxattr(file.fd.get(), how.attribute, record.data(), record.size(), 0) != 0) {
-        reportFailure(path, std::string("cannot set ") + how.attribute + ": " + systemReason());
-        return false;
-    }
-    printLine(path + ": " + how.attribute + " set");
+    if (!refusal.empty())
+        return refuse(path, "not_labelled", refusal, files);
+    if (!how.dryRun && fsetxattr(file.fd.get(), how.attribute, record.data(), record.size(), 0) != 0)
+        return refuse(path, "not_labelled", std::string("cannot set ") + how.attribute + ": " + systemReason(), files);
+    nlohmann::json result = fileResult(path, true);
+    result["bytes"] = record.size();
+    files.push_back(std::move(result));
+    if (how.text && how.dryRun)
+        printLine(visible(path) + ": would set " + how.attribute + " (" + countOf(record.size(), "byte") + ")");
+    else if (how.text)
+        printLine(visible(path) + ": " + how.attribute + " set");
     return true;
 }
 
@@ -221,7 +233,7 @@ std::optional<PackageSignatures::Cms> trustedDeveloperSignature(ImaOptions const
     return developer;
 }
 
-int runApply(ImaOptions const& options)
+int runApply(ImaOptions const& options, nlohmann::json& result)
 {
     std::string refusal;
     auto file = openPackageForReading(options.package, refusal);
@@ -248,9 +260,11 @@ int runApply(ImaOptions const& options)
         reportFailure(options.root, "cannot open the root directory: " + systemReason());
         return statusFailed;
     }
-    Labelling how{root.get(), key.get(), options.xattrUser ? "user.ima" : "security.ima", options.dryRun};
+    Labelling how{root.get(), key.get(), options.xattrUser ? "user.ima" : "security.ima", options.dryRun,
+                  !options.json};
     std::size_t written = 0;
     std::size_t refused = 0;
+    nlohmann::json labelled = nlohmann::json::array();
     for (std::size_t index = 0; index < files->size(); ++index) {
         PackageFile const& packaged = (*files)[index];
         if (!S_ISREG(packaged.mode) || packaged.ghost)
@@ -263,14 +277,18 @@ int runApply(ImaOptions const& options)
             // was cut short or could not be read when it was signed.
             if (isTrustedApplicationName(packaged.name))
                 continue;
-            reportFailure(options.root + packaged.name, "no signature in the package");
+            refuse(options.root + packaged.name, "no_signature", "no signature in the package", labelled);
             ++refused;
             continue;
         }
-        (label(how, options.root, packaged, record) ? written : refused)++;
+        (label(how, options.root, packaged, record, labelled) ? written : refused)++;
     }
-    printLine(countOf(written, "file") + (options.dryRun ? " to label, " : " labelled, ") +
-              std::to_string(refused) + " refused");
+    result = fileResult(options.package, refused == 0, "files_refused", countOf(refused, "file") + " refused");
+    result.update({{"root", options.root}, {"attribute", how.attribute}, {"dryRun", options.dryRun},
+                   {"labelled", written}, {"refused", refused}, {"files", labelled}});
+    if (!options.json)
+        printLine(countOf(written, "file") + (options.dryRun ? " to label, " : " labelled, ") +
+                  std::to_string(refused) + " refused");
     return refused == 0 ? statusOk : statusFailed;
 }
 
@@ -288,7 +306,11 @@ void addImaCommands(CLI::App& app, int& status)
     apply->add_option("--conf", options->conf, "Configuration file naming the root CA (default /etc/sealkeep/sealkeep.conf under $SEALKEEP_ROOTFS)");
     apply->add_flag("--xattr-user", options->xattrUser, "Write user.ima instead of security.ima");
     apply->add_flag("--dry-run", options->dryRun, "List what would be written, write nothing");
-    apply->callback([options, &status] { status = runApply(*options); });
+    apply->add_flag("--json", options->json, "Print the results as JSON");
+    apply->callback([options, &status] {
+        status = runWithResult(options->json, options->package, "not_applied",
+                               [&](nlohmann::json& result) { return runApply(*options, result); });
+    });
 }
 
 }  // namespace sealkeep::cli

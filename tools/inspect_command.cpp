@@ -24,6 +24,7 @@
 #include "package_files.hpp"
 #include "signed_attributes.hpp"
 #include "signature_records.hpp"
+#include "terminal_text.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -177,7 +178,9 @@ json describePackage(std::string const& path, PackageSignatures::FileWithCmses& 
             block["fileSignatures"]["files"] = std::move(files);
         blocks.push_back(std::move(block));
     }
-    return {{"path", path}, {"rpm", rpm}, {"blocks", blocks}};
+    json description = fileResult(path, true);
+    description.update({{"rpm", rpm}, {"blocks", blocks}});
+    return description;
 }
 
 std::string rangeText(json const& from, json const& to)
@@ -200,10 +203,11 @@ void printSigner(json const& signer)
         return;
     }
     std::string group = signer["group"].get<std::string>();
-    printLine("  signer: \"" + signer["subject"].get<std::string>() + "\" " + (group.empty() ? "(no group)" : group) +
+    printLine("  signer: \"" + visible(signer["subject"].get<std::string>()) + "\" " +
+              (group.empty() ? "(no group)" : group) +
               ":" + signer["subgroup"].get<std::string>());
     printLine("    key id " + signer["keyId"].get<std::string>());
-    printLine("    issued by " + signer["issuer"].get<std::string>() + ", valid " +
+    printLine("    issued by " + visible(signer["issuer"].get<std::string>()) + ", valid " +
               signer["notBefore"].get<std::string>() + " to " + signer["notAfter"].get<std::string>());
     std::string signedAt = signer["signingTime"].get<std::string>();
     printLine("    signed at " + (signedAt.empty() ? std::string("(no signing time)") : signedAt));
@@ -230,9 +234,10 @@ void printBlock(json const& block, bool withFiles)
         for (auto const& file : block["fileSignatures"]["files"]) {
             if (file.contains("error"))
                 printLine("    [" + std::to_string(file["index"].get<long>()) + "] " +
-                          file["path"].get<std::string>() + ": " + file["error"].get<std::string>());
+                          visible(file["path"].get<std::string>()) + ": " + file["error"].get<std::string>());
             else
-                printLine("    " + file["path"].get<std::string>() + ": " + file["hashAlgorithm"].get<std::string>() +
+                printLine("    " + visible(file["path"].get<std::string>()) + ": " +
+                          file["hashAlgorithm"].get<std::string>() +
                           ", key id " + file["keyId"].get<std::string>() + ", " +
                           std::to_string(file["signatureSize"].get<unsigned>()) + "-byte signature");
         }
@@ -241,9 +246,9 @@ void printBlock(json const& block, bool withFiles)
     printLine("  trusted applications: " + std::to_string(applications.size()));
     for (auto const& ta : applications) {
         if (ta.contains("error"))
-            printLine("    " + ta["path"].get<std::string>() + ": " + ta["error"].get<std::string>());
+            printLine("    " + visible(ta["path"].get<std::string>()) + ": " + ta["error"].get<std::string>());
         else
-            printLine("    " + ta["path"].get<std::string>() + ": UUID " + ta["uuid"].get<std::string>() + ", " +
+            printLine("    " + visible(ta["path"].get<std::string>()) + ": UUID " + ta["uuid"].get<std::string>() + ", " +
                       ta["algorithm"].get<std::string>() + ", image " +
                       std::to_string(ta["imageSize"].get<std::uint32_t>()) + " bytes, " +
                       std::to_string(ta["signatureSize"].get<unsigned>()) + "-byte signature");
@@ -255,7 +260,9 @@ int runInspect(InspectOptions const& options)
     std::string refusal;
     auto file = openPackageForReading(options.package, refusal);
     if (!file) {
-        reportFailure(options.package, refusal);
+        reportFailure(visible(options.package), refusal);
+        if (options.json)
+            printJson(fileResult(options.package, false, "unreadable_file", refusal));
         return statusFailed;
     }
     json description = describePackage(options.package, *file, options.files);
@@ -264,7 +271,7 @@ int runInspect(InspectOptions const& options)
         return statusOk;
     }
     json const& blocks = description["blocks"];
-    printLine(options.package + ": " + (description["rpm"] ? "RPM package" : "not an RPM package") + ", " +
+    printLine(visible(options.package) + ": " + (description["rpm"] ? "RPM package" : "not an RPM package") + ", " +
               countOf(blocks.size(), "signature"));
     for (auto const& block : blocks)
         printBlock(block, options.files);

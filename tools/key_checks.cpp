@@ -15,6 +15,7 @@
 #include <openssl/x509v3.h>
 
 #include "owned.hpp"
+#include "terminal_text.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -149,7 +150,7 @@ GroupReading readGroup(X509* certificate)
     reading.group = group.find('\0') == std::string::npos ? PackageSignatures::groupFromString(group.c_str())
                                                           : PackageSignatures::Group::None;
     if (reading.group == PackageSignatures::Group::None)
-        reading.problem = "carries the group \"" + group + "\", which names no signer group";
+        reading.problem = "carries the group \"" + visible(group) + "\", which names no signer group";
     return reading;
 }
 

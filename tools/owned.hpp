@@ -29,6 +29,7 @@ struct FreeWith {
 
 using BioPtr = std::unique_ptr<BIO, FreeWith<BIO_free_all>>;
 using X509Ptr = std::unique_ptr<X509, FreeWith<X509_free>>;
+using X509ReqPtr = std::unique_ptr<X509_REQ, FreeWith<X509_REQ_free>>;
 using PkeyPtr = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
 using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, FreeWith<EVP_PKEY_CTX_free>>;
 using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, FreeWith<EVP_MD_CTX_free>>;

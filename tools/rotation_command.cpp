@@ -22,6 +22,7 @@
 #include "key_source.hpp"
 #include "owned.hpp"
 #include "pending_output.hpp"
+#include "terminal_text.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -34,6 +35,7 @@ struct RotateOptions {
     KeyOption oldKey, newKey;
     EngineOptions engine;
     bool append = false;
+    bool json = false;
 };
 
 // One side of the rotation: a certificate and its key, checked to belong
@@ -152,7 +154,7 @@ ChainPtr readChainQuietly(std::string const& path)
 
 // The chain is written beside its destination and moved into place only
 // when complete, so that a failure leaves an existing chain as it was.
-int runRotate(RotateOptions const& options)
+int runRotate(RotateOptions const& options, json& result)
 {
     // Looked at without blocking: a FIFO in place of the chain is refused.
     InputFile existing = openInput(options.chain);
@@ -199,12 +201,16 @@ int runRotate(RotateOptions const& options)
         reportFailure(options.chain, "rotation not written: " + systemReason());
         return statusFailed;
     }
-    printLine(options.chain + ": " + countOf(ProofOfRotationChain_count(chain.get()), "rotation") +
-              ", newest key " + keyIdOf(newSide->certificate.get()));
+    result = fileResult(options.chain, true);
+    result.update({{"rotations", ProofOfRotationChain_count(chain.get())},
+                   {"newestKeyId", keyIdOf(newSide->certificate.get())}});
+    if (!options.json)
+        printLine(options.chain + ": " + countOf(result["rotations"].get<std::size_t>(), "rotation") +
+                  ", newest key " + result["newestKeyId"].get<std::string>());
     return statusOk;
 }
 
-int runShow(ShowOptions const& options)
+int runShow(ShowOptions const& options, json& result)
 {
     std::string unreadable = inputRefusal(options.chain);
     if (unreadable == notRegularFile) {
@@ -221,16 +227,16 @@ int runShow(ShowOptions const& options)
     for (auto const& rotation : PackageSignatures::RotationChain(chain.get()).rotations())
         rotations.push_back({{"old", describeCertificate(rotation->oldCertificate())},
                              {"new", describeCertificate(rotation->newCertificate())}});
-    if (options.json) {
-        printJson({{"path", options.chain}, {"verified", verified}, {"rotations", rotations}});
-    } else {
+    result = fileResult(options.chain, verified, "rotation_chain_invalid", "the rotation chain does not verify");
+    result["rotations"] = rotations;
+    if (!options.json) {
         printLine(options.chain + ": " + countOf(rotations.size(), "rotation") + ", " +
                   (verified ? "every proof verifies" : "DOES NOT VERIFY"));
         int n = 0;
         for (auto const& rotation : rotations)
-            printLine("  " + std::to_string(++n) + ": \"" + rotation["old"]["subject"].get<std::string>() + "\" " +
-                      rotation["old"]["keyId"].get<std::string>() + " -> \"" +
-                      rotation["new"]["subject"].get<std::string>() + "\" " +
+            printLine("  " + std::to_string(++n) + ": \"" + visible(rotation["old"]["subject"].get<std::string>()) +
+                      "\" " + rotation["old"]["keyId"].get<std::string>() + " -> \"" +
+                      visible(rotation["new"]["subject"].get<std::string>()) + "\" " +
                       rotation["new"]["keyId"].get<std::string>());
     }
     if (!verified) {
@@ -253,7 +259,11 @@ void addRotationCommands(CLI::App& app, int& status)
     addKeyOption(*rotateCommand, rotate->newKey, "--new-key", "--new-pass", "New private key")->required();
     addEngineOptions(*rotateCommand, rotate->engine);
     rotateCommand->add_flag("--append", rotate->append, "Add the rotation to the existing chain");
-    rotateCommand->callback([rotate, &status] { status = runRotate(*rotate); });
+    rotateCommand->add_flag("--json", rotate->json, "Print the result as JSON");
+    rotateCommand->callback([rotate, &status] {
+        status = runWithResult(rotate->json, rotate->chain, "not_recorded",
+                               [&](json& result) { return runRotate(*rotate, result); });
+    });
 
     CLI::App* rotation = app.add_subcommand("rotation", "Work with rotation chains");
     rotation->require_subcommand(1);
@@ -261,7 +271,10 @@ void addRotationCommands(CLI::App& app, int& status)
     CLI::App* showCommand = rotation->add_subcommand("show", "Show and check a rotation chain");
     showCommand->add_option("chain", show->chain, "Rotation chain (PEM)")->required();
     showCommand->add_flag("--json", show->json, "Print the chain as JSON");
-    showCommand->callback([show, &status] { status = runShow(*show); });
+    showCommand->callback([show, &status] {
+        status = runWithResult(show->json, show->chain, "unreadable_file",
+                               [&](json& result) { return runShow(*show, result); });
+    });
 }
 
 }  // namespace sealkeep::cli

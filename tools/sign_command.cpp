@@ -14,12 +14,14 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
 #include "credentials.hpp"
 #include "interruptions.hpp"
+#include "json_output.hpp"
 #include "package_writing.hpp"
 #include "sign_preflight.hpp"
 
@@ -40,6 +42,7 @@ struct SignOptions {
     bool noFileSignatures = false;
     unsigned jobs = 1;
     double waitSeconds = defaultLockWaitSeconds;
+    bool json = false;
 };
 
 std::string groupName(PackageSignatures::Group group)
@@ -76,9 +79,9 @@ std::string refusalOf(PackageSignatures::FileWithCmses& file, PackageSignatures:
 
 // Signs one package; on any refusal or failure the package is left byte for
 // byte as it was (the library writes a new version and puts it in place only
-// once it is complete), and one line says why.
+// once it is complete), and one line says why. result is set once signed.
 bool signPackage(std::string const& path, PackageSignatures::Group group, Credentials const& credentials,
-                 SignOptions const& options)
+                 SignOptions const& options, nlohmann::json& result)
 {
     auto file = openPackageForWriting(path, "not signed", options.waitSeconds);
     if (!file)
@@ -102,7 +105,10 @@ bool signPackage(std::string const& path, PackageSignatures::Group group, Creden
         reportFailure(path, "not signed: signing as " + groupName(group) + " failed; the package is left as it was");
         return false;
     }
-    printLine(path + ": signed as " + groupName(group) + " (" + countOf(file->cmses().size(), "signature") + ")");
+    result = fileResult(path, true);
+    result.update({{"group", PackageSignatures::groupToString(group)}, {"signatures", file->cmses().size()}});
+    if (!options.json)
+        printLine(path + ": signed as " + groupName(group) + " (" + countOf(file->cmses().size(), "signature") + ")");
     return true;
 }
 
@@ -156,17 +162,22 @@ int runSign(SignOptions& options)
 
     std::atomic<std::size_t> next{0};
     std::atomic<bool> anyFailed{false};
+    // One slot per package, each written by the one thread that signs it.
+    std::vector<nlohmann::json> results(options.packages.size());
     auto work = [&](Credentials const& own) {
         for (std::size_t i; !interruptionPending() && (i = next++) < options.packages.size();) {
             std::string const& path = options.packages[i];
+            FailureNotes notes;
             // An exception must not leave a worker thread (that would abort).
             try {
-                if (!signPackage(path, group, own, options))
+                if (!signPackage(path, group, own, options, results[i]))
                     anyFailed = true;
             } catch (std::exception const& e) {
                 reportFailure(path, std::string("not signed: ") + e.what());
                 anyFailed = true;
             }
+            if (results[i].is_null())
+                results[i] = fileResult(path, false, "not_signed", notes.text());
         }
     };
     std::vector<std::thread> workers;
@@ -175,6 +186,14 @@ int runSign(SignOptions& options)
     work(credentials[0]);
     for (auto& worker : workers)
         worker.join();
+    if (options.json) {
+        // A package an interruption left untouched has no result.
+        nlohmann::json packages = nlohmann::json::array();
+        for (auto& result : results)
+            if (!result.is_null())
+                packages.push_back(std::move(result));
+        printJson({{"packages", packages}});
+    }
     return anyFailed ? statusFailed : statusOk;
 }
 
@@ -206,7 +225,15 @@ void addSignCommand(CLI::App& app, int& status)
                    "Sign the payload's files with a GOST key the Linux kernel's IMA cannot verify");
     sign->add_option("--jobs,-j", options->jobs, "Packages signed at once")
         ->capture_default_str()
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                bool whole = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+                return whole && text.find_first_not_of('0') != std::string::npos
+                           ? std::string()
+                           : "must be a whole number of 1 or more, not " + text;
+            },
+            "N>=1", "jobs"));
+    sign->add_flag("--json", options->json, "Print the results as JSON");
     sign->callback([options, &status] { status = runSign(*options); });
 }
 

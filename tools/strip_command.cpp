@@ -3,11 +3,13 @@
 #include <string>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <sealkeep/sealkeep.hpp>
 
 #include "cli.hpp"
 #include "interruptions.hpp"
+#include "json_output.hpp"
 #include "package_writing.hpp"
 
 namespace sealkeep::cli {
@@ -17,9 +19,17 @@ struct StripOptions {
     std::string package;
     bool last = false;
     double waitSeconds = defaultLockWaitSeconds;
+    bool json = false;
 };
 
-int runStrip(StripOptions const& options)
+nlohmann::json strippedJson(std::string const& path, std::size_t removed, std::size_t remaining)
+{
+    nlohmann::json result = fileResult(path, true);
+    result.update({{"removed", removed}, {"signatures", remaining}});
+    return result;
+}
+
+int runStrip(StripOptions const& options, nlohmann::json& result)
 {
     auto file = openPackageForWriting(options.package, "not stripped", options.waitSeconds);
     if (!file)
@@ -29,7 +39,9 @@ int runStrip(StripOptions const& options)
         return statusFailed;  // honoured as writing ends, before anything is written
     std::size_t before = file->cmses().size();
     if (before == 0) {
-        printLine(options.package + ": no signatures to remove");
+        result = strippedJson(options.package, 0, 0);
+        if (!options.json)
+            printLine(options.package + ": no signatures to remove");
         return statusOk;
     }
     if (!file->deleteCmses(options.last)) {
@@ -37,8 +49,10 @@ int runStrip(StripOptions const& options)
         return statusFailed;
     }
     std::size_t after = file->cmses().size();
-    printLine(options.package + ": removed " + std::to_string(before - after) + " of " +
-              countOf(before, "signature"));
+    result = strippedJson(options.package, before - after, after);
+    if (!options.json)
+        printLine(options.package + ": removed " + std::to_string(before - after) + " of " +
+                  countOf(before, "signature"));
     return statusOk;
 }
 
@@ -54,7 +68,11 @@ void addStripCommand(CLI::App& app, int& status)
                       "Seconds to wait for another process writing the same package")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 86400.0));
-    strip->callback([options, &status] { status = runStrip(*options); });
+    strip->add_flag("--json", options->json, "Print the result as JSON");
+    strip->callback([options, &status] {
+        status = runWithResult(options->json, options->package, "not_stripped",
+                               [&](nlohmann::json& result) { return runStrip(*options, result); });
+    });
 }
 
 }  // namespace sealkeep::cli

@@ -85,4 +85,12 @@ std::string visible(std::string_view text) {
     return out;
 }
 
+// Every escape but the backslash's makes the text longer than the
+// backslashes alone would.
+bool printable(std::string_view text) {
+    std::size_t backslashes = 0;
+    for (char c : text) backslashes += c == '\\';
+    return visible(text).size() == text.size() + backslashes;
+}
+
 }  // namespace sealkeep::cli

@@ -16,6 +16,10 @@ namespace sealkeep::cli {
 // Valid printable UTF-8 passes unchanged, so ordinary names stay readable.
 std::string visible(std::string_view text);
 
+// Whether text is printable as it is: valid UTF-8 without any byte or
+// character visible would escape (a backslash aside).
+bool printable(std::string_view text);
+
 }  // namespace sealkeep::cli
 
 #endif

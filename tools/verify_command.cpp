@@ -117,14 +117,12 @@ std::string refusalText(PackageVerdict const& verdict, std::string const& ca)
 
 json packageJson(PackageVerdict const& verdict, std::string const& ca)
 {
-    json result = {{"path", verdict.path},
-                   {"ok", verdict.ok()},
-                   {"verified", verdict.ok()},
-                   {"blocks", json::array()}};
     if (!verdict.opened) {
-        result["error"] = verdict.openRefusal;
+        json result = fileResult(verdict.path, false, "unreadable_file", verdict.openRefusal);
+        result["blocks"] = json::array();
         return result;
     }
+    json result = {{"path", verdict.path}, {"ok", verdict.ok()}, {"blocks", json::array()}};
     result["signatures"] = verdict.report.signatures();
     result["reason"] = PackageSignatures::reasonName(verdict.reason());
     for (BlockVerification const& block : verdict.report.blocks())

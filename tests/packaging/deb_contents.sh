@@ -36,6 +36,7 @@ $(docs libsealkeep-dev)" "$(listed libsealkeep-dev "$arch")"
 
 expected_command="/usr/bin/sealkeep
 /usr/share/man/man1/sealkeep.1.gz
+/usr/share/sealkeep/sealkeep.schema.json
 $(docs sealkeep)"
 completions=$(installed_completions | sed 's|^|/usr/|')
 [ -z "$completions" ] || expected_command+=$'\n'"$completions"

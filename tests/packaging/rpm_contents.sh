@@ -38,7 +38,9 @@ $libdir/cmake/sealkeep/sealkeepTargets.cmake
 $libdir/cmake/sealkeep/sealkeepTargets-relwithdebinfo.cmake" "$(listed sealkeep-devel)"
 
 expected_tools="/usr/bin/sealkeep
-/usr/share/man/man1/sealkeep.1"
+/usr/share/man/man1/sealkeep.1
+/usr/share/sealkeep
+/usr/share/sealkeep/sealkeep.schema.json"
 completions=$(installed_completions | sed 's|^|/usr/|')
 [ -z "$completions" ] || expected_tools+=$'\n'"$completions"
 same_files sealkeep-tools "$expected_tools" "$(listed sealkeep-tools | sed 's/\.gz$//')"

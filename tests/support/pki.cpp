@@ -163,12 +163,22 @@ Identity Pki::issue(std::string const& name, const char* groupText)
 
 Identity Pki::issueWithValidity(std::string const& name, long notBefore, long notAfter)
 {
+    return issueByHand(name, name, notBefore, notAfter);
+}
+
+Identity Pki::issueNamed(std::string const& name, std::string const& commonName)
+{
+    return issueByHand(name, commonName, -60, 365L * 24 * 3600);
+}
+
+Identity Pki::issueByHand(std::string const& name, std::string const& commonName, long notBefore, long notAfter)
+{
     Identity who{dir_.file(name + ".key"), dir_.file(name + ".pem")};
     generateKey(who.keyPath);
     PkeyPtr key = loadKey(who.keyPath);
     PkeyPtr caKey = loadKey(ca_.keyPath);
     X509Ptr ca = loadCertificate(ca_.certPath);
-    X509Ptr cert = makeBareCertificate(key.get(), name);
+    X509Ptr cert = makeBareCertificate(key.get(), commonName);
     require(X509_set_issuer_name(cert.get(), X509_get_subject_name(ca.get())) == 1 &&
                 X509_gmtime_adj(X509_getm_notBefore(cert.get()), notBefore) &&
                 X509_gmtime_adj(X509_getm_notAfter(cert.get()), notAfter),
