@@ -100,6 +100,19 @@ TEST_F(CliJsonSchema, EveryDocumentOfEverySubcommandValidates)
     document("strip", {"strip", second});
     document("strip", {"strip", "missing.rpm"}, 1);
 
+    // Signing in three steps: a request, its signature, attached; then a
+    // signature that no longer fits the package, and a request that is not one.
+    std::string offline = freshPackage("offline.rpm");
+    document("prepare", {"prepare", offline, "--cert", pki->developer().certPath, "-o", "offline.request"});
+    document("prepare", {"prepare", "missing.rpm", "--cert", pki->developer().certPath, "-o", "none.request"}, 1);
+    writeText(work.file("bad.request"), "not a request\n");
+    document("signRequest", {"sign-request", "offline.request", "--cert", pki->developer().certPath, "--key",
+                             pki->developer().keyPath, "-o", "offline.signature"});
+    document("signRequest", {"sign-request", "bad.request", "--cert", pki->developer().certPath, "--key",
+                             pki->developer().keyPath, "-o", "bad.signature"}, 1);
+    document("attach", {"attach", offline, "offline.signature"});
+    document("attach", {"attach", offline, "offline.signature"}, 1);
+
     // A rotation chain.
     Identity successor = pki->issue("schema-successor", "developer");
     document("rotate", {"rotate", "chain.pem", "--old-cert", pki->developer().certPath, "--old-key",

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
@@ -28,6 +29,7 @@
 #include "cli.hpp"
 #include "credentials.hpp"
 #include "interruptions.hpp"
+#include "json_output.hpp"
 #include "key_checks.hpp"
 #include "owned.hpp"
 #include "package_writing.hpp"
@@ -90,6 +92,7 @@ struct PrepareOptions {
     int format = 3;
     bool noFileSignatures = false;
     double waitSeconds = defaultLockWaitSeconds;
+    bool json = false;
 };
 
 // What the TA key contributes to the hashes, read from its public half.
@@ -111,7 +114,7 @@ std::optional<PackageSignatures::TrustedApplicationKeyShape> taKeyShape(PrepareO
     return shape;
 }
 
-int runPrepare(PrepareOptions const& options)
+int runPrepare(PrepareOptions const& options, nlohmann::json& result)
 {
     X509Ptr certificate(certificate_read(options.certificate.c_str()));
     if (!certificate) {
@@ -155,7 +158,15 @@ int runPrepare(PrepareOptions const& options)
     Bytes der = encodeRequest(request);
     if (!writeOutput(options.output, der))
         return statusFailed;
-    printLine(options.output + ": signing request for " + options.package + " as " + groupName(group) +
+    result = fileResult(options.package, true);
+    result.update({{"request", options.output},
+                   {"group", groupName(group)},
+                   {"position", request.plan.position + 1},
+                   {"fileDigests", request.plan.files.size()},
+                   {"trustedApplications", request.plan.trustedApplications.size()},
+                   {"bytes", der.size()}});
+    if (!options.json)
+        printLine(options.output + ": signing request for " + options.package + " as " + groupName(group) +
               " at position " + std::to_string(request.plan.position + 1) + " (" +
               countOf(request.plan.files.size(), "payload file digest") + ", " +
               countOf(request.plan.trustedApplications.size(), "trusted application") + ", " +
@@ -172,6 +183,7 @@ struct SignRequestOptions {
     bool allowUnverifiableKey = false;
     std::string output;
     unsigned jobs = 1;
+    bool json = false;
 };
 
 // Where the signature for request goes: output itself for a single request,
@@ -212,7 +224,7 @@ std::string requestRefusal(SigningRequest const& request, Credentials const& cre
 }
 
 bool signOneRequest(std::string const& path, Credentials const& credentials, SignRequestOptions const& options,
-                    bool taKeyGiven)
+                    bool taKeyGiven, nlohmann::json& result)
 {
     std::string refusal;
     std::optional<Bytes> der = readBoundedFile(path, maxRequestSize, refusal);
@@ -241,7 +253,10 @@ bool signOneRequest(std::string const& path, Credentials const& credentials, Sig
     const std::string output = signatureName(path, options);
     if (!writeOutput(output, encodeSignatureFile(signature)))
         return false;
-    printLine(output + ": signature for " + path);
+    result = fileResult(path, true);
+    result["signature"] = output;
+    if (!options.json)
+        printLine(output + ": signature for " + path);
     return true;
 }
 
@@ -294,16 +309,21 @@ int runSignRequest(SignRequestOptions& options)
 
     std::atomic<std::size_t> next{0};
     std::atomic<bool> anyFailed{false};
+    // One result per request, in the order given, whatever thread signs it.
+    std::vector<nlohmann::json> results(options.requests.size());
     auto work = [&](Credentials const& own) {
         for (std::size_t i; !interruptionPending() && (i = next++) < options.requests.size();) {
             std::string const& path = options.requests[i];
+            FailureNotes notes;
             try {
-                if (!signOneRequest(path, own, options, taKeyGiven))
+                if (!signOneRequest(path, own, options, taKeyGiven, results[i]))
                     anyFailed = true;
             } catch (std::exception const& e) {
                 reportFailure(path, std::string("not signed: ") + e.what());
                 anyFailed = true;
             }
+            if (results[i].is_null())
+                results[i] = fileResult(path, false, "not_signed", notes.text());
         }
     };
     std::vector<std::thread> workers;
@@ -312,6 +332,13 @@ int runSignRequest(SignRequestOptions& options)
     work(credentials[0]);
     for (auto& worker : workers)
         worker.join();
+    if (options.json) {
+        nlohmann::json requests = nlohmann::json::array();
+        for (auto& result : results)
+            if (!result.is_null())
+                requests.push_back(std::move(result));
+        printJson({{"requests", std::move(requests)}});
+    }
     return anyFailed ? statusFailed : statusOk;
 }
 
@@ -321,6 +348,7 @@ struct AttachOptions {
     std::string package;
     std::string signature;
     double waitSeconds = defaultLockWaitSeconds;
+    bool json = false;
 };
 
 std::string attachRefusal(AttachResult result, SignatureFile const& signature,
@@ -351,7 +379,7 @@ std::string attachRefusal(AttachResult result, SignatureFile const& signature,
     return "refused";
 }
 
-int runAttach(AttachOptions const& options)
+int runAttach(AttachOptions const& options, nlohmann::json& result)
 {
     std::string refusal;
     std::optional<Bytes> der = readBoundedFile(options.signature, maxSignatureFileSize, refusal);
@@ -371,13 +399,16 @@ int runAttach(AttachOptions const& options)
         reportFailure(options.package, "not attached: " + refusal);
         return statusFailed;
     }
-    const AttachResult result = file->attach(signature->cms, signature->plan, signature->format == 3);
-    if (result == AttachResult::Attached) {
-        printLine(options.package + ": signature attached (" + countOf(file->blockLocations().size(), "signature") +
-                  ")");
+    const AttachResult attached = file->attach(signature->cms, signature->plan, signature->format == 3);
+    if (attached == AttachResult::Attached) {
+        result = fileResult(options.package, true);
+        result["signatures"] = file->blockLocations().size();
+        if (!options.json)
+            printLine(options.package + ": signature attached (" +
+                      countOf(file->blockLocations().size(), "signature") + ")");
         return statusOk;
     }
-    refusal = attachRefusal(result, *signature, *file);
+    refusal = attachRefusal(attached, *signature, *file);
     reportFailure(options.package, "not attached: " + (refusal.empty() ? std::string("writing failed; the package "
                                                                                       "is left as it was")
                                                                         : refusal));
@@ -416,7 +447,11 @@ void addDetachedSigningCommands(CLI::App& app, int& status)
                                "Seconds to wait for another process writing the same package")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 86400.0));
-    prepareCommand->callback([prepare, &status] { status = runPrepare(*prepare); });
+    prepareCommand->add_flag("--json", prepare->json, "Print the result as JSON");
+    prepareCommand->callback([prepare, &status] {
+        status = runWithResult(prepare->json, prepare->package, "not_prepared",
+                               [&](nlohmann::json& result) { return runPrepare(*prepare, result); });
+    });
 
     auto signRequest = std::make_shared<SignRequestOptions>();
     CLI::App* signCommand = app.add_subcommand(
@@ -437,6 +472,7 @@ void addDetachedSigningCommands(CLI::App& app, int& status)
     signCommand->add_option("--jobs,-j", signRequest->jobs, "Requests signed at once")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
+    signCommand->add_flag("--json", signRequest->json, "Print the results as JSON");
     signCommand->callback([signRequest, &status] { status = runSignRequest(*signRequest); });
 
     auto attach = std::make_shared<AttachOptions>();
@@ -448,7 +484,11 @@ void addDetachedSigningCommands(CLI::App& app, int& status)
                               "Seconds to wait for another process writing the same package")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 86400.0));
-    attachCommand->callback([attach, &status] { status = runAttach(*attach); });
+    attachCommand->add_flag("--json", attach->json, "Print the result as JSON");
+    attachCommand->callback([attach, &status] {
+        status = runWithResult(attach->json, attach->package, "not_attached",
+                               [&](nlohmann::json& result) { return runAttach(*attach, result); });
+    });
 }
 
 }  // namespace sealkeep::cli
