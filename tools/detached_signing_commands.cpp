@@ -5,15 +5,12 @@
 // signature file's CMS to the package it was prepared for, with the write of
 // sign, after checking that the package is still as prepared.
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <exception>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <sys/stat.h>
@@ -36,6 +33,7 @@
 #include "pending_output.hpp"
 #include "sign_preflight.hpp"
 #include "signing_request.hpp"
+#include "signing_workers.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -292,53 +290,25 @@ int runSignRequest(SignRequestOptions& options)
     if (!source)
         return status;
     unsigned threads = static_cast<unsigned>(std::min<std::size_t>(options.jobs, options.requests.size()));
-    std::vector<Credentials> credentials;
-    for (unsigned i = 0; i < threads; ++i) {
-        auto loaded = source->load();
-        if (!loaded)
-            return statusFailed;
-        credentials.push_back(std::move(*loaded));
-    }
+    auto credentials = credentialsPerThread(*source, threads);
+    if (!credentials)
+        return statusFailed;
     // The pre-flight of sign: the same checks, once, before any request.
     SignPlan plan;
     plan.allowUnverifiableKey = options.allowUnverifiableKey;
     PackageSignatures::Group group = PackageSignatures::Group::None;
-    if (int refused = checkSigner(*source, credentials[0], plan, group); refused != statusOk)
+    if (int refused = checkSigner(*source, (*credentials)[0], plan, group); refused != statusOk)
         return refused;
     const bool taKeyGiven = source->taKey() != nullptr;
 
-    std::atomic<std::size_t> next{0};
-    std::atomic<bool> anyFailed{false};
-    // One result per request, in the order given, whatever thread signs it.
-    std::vector<nlohmann::json> results(options.requests.size());
-    auto work = [&](Credentials const& own) {
-        for (std::size_t i; !interruptionPending() && (i = next++) < options.requests.size();) {
-            std::string const& path = options.requests[i];
-            FailureNotes notes;
-            try {
-                if (!signOneRequest(path, own, options, taKeyGiven, results[i]))
-                    anyFailed = true;
-            } catch (std::exception const& e) {
-                reportFailure(path, std::string("not signed: ") + e.what());
-                anyFailed = true;
-            }
-            if (results[i].is_null())
-                results[i] = fileResult(path, false, "not_signed", notes.text());
-        }
-    };
-    std::vector<std::thread> workers;
-    for (unsigned i = 1; i < threads; ++i)
-        workers.emplace_back(work, std::cref(credentials[i]));
-    work(credentials[0]);
-    for (auto& worker : workers)
-        worker.join();
-    if (options.json) {
-        nlohmann::json requests = nlohmann::json::array();
-        for (auto& result : results)
-            if (!result.is_null())
-                requests.push_back(std::move(result));
-        printJson({{"requests", std::move(requests)}});
-    }
+    bool anyFailed = false;
+    auto results = signOnWorkers(options.requests, *credentials, "not_signed",
+                                 [&](std::string const& path, Credentials const& own, nlohmann::json& result) {
+                                     return signOneRequest(path, own, options, taKeyGiven, result);
+                                 },
+                                 anyFailed);
+    if (options.json)
+        printJson({{"requests", resultArray(std::move(results))}});
     return anyFailed ? statusFailed : statusOk;
 }
 

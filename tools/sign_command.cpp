@@ -4,12 +4,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
-#include <exception>
 #include <map>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -24,6 +21,7 @@
 #include "json_output.hpp"
 #include "package_writing.hpp"
 #include "sign_preflight.hpp"
+#include "signing_workers.hpp"
 
 namespace sealkeep::cli {
 namespace {
@@ -147,53 +145,22 @@ int runSign(SignOptions& options)
     if (!source)
         return status;
     unsigned threads = std::min<std::size_t>(options.jobs, options.packages.size());
-    // One set of keys per thread, all read before any package is touched;
-    // each key is unlocked once, whatever the number of threads.
-    std::vector<Credentials> credentials;
-    for (unsigned i = 0; i < threads; ++i) {
-        auto loaded = source->load();
-        if (!loaded)
-            return statusFailed;
-        credentials.push_back(std::move(*loaded));
-    }
+    auto credentials = credentialsPerThread(*source, threads);
+    if (!credentials)
+        return statusFailed;
     PackageSignatures::Group group = PackageSignatures::Group::None;
-    if (int refused = checkSigner(*source, credentials[0], signPlan(options), group); refused != statusOk)
+    if (int refused = checkSigner(*source, (*credentials)[0], signPlan(options), group); refused != statusOk)
         return refused;
 
-    std::atomic<std::size_t> next{0};
-    std::atomic<bool> anyFailed{false};
-    // One slot per package, each written by the one thread that signs it.
-    std::vector<nlohmann::json> results(options.packages.size());
-    auto work = [&](Credentials const& own) {
-        for (std::size_t i; !interruptionPending() && (i = next++) < options.packages.size();) {
-            std::string const& path = options.packages[i];
-            FailureNotes notes;
-            // An exception must not leave a worker thread (that would abort).
-            try {
-                if (!signPackage(path, group, own, options, results[i]))
-                    anyFailed = true;
-            } catch (std::exception const& e) {
-                reportFailure(path, std::string("not signed: ") + e.what());
-                anyFailed = true;
-            }
-            if (results[i].is_null())
-                results[i] = fileResult(path, false, "not_signed", notes.text());
-        }
-    };
-    std::vector<std::thread> workers;
-    for (unsigned i = 1; i < threads; ++i)
-        workers.emplace_back(work, std::cref(credentials[i]));
-    work(credentials[0]);
-    for (auto& worker : workers)
-        worker.join();
-    if (options.json) {
-        // A package an interruption left untouched has no result.
-        nlohmann::json packages = nlohmann::json::array();
-        for (auto& result : results)
-            if (!result.is_null())
-                packages.push_back(std::move(result));
-        printJson({{"packages", packages}});
-    }
+    bool anyFailed = false;
+    auto results = signOnWorkers(options.packages, *credentials, "not_signed",
+                                 [&](std::string const& path, Credentials const& own, nlohmann::json& result) {
+                                     return signPackage(path, group, own, options, result);
+                                 },
+                                 anyFailed);
+    // A package an interruption left untouched has no result.
+    if (options.json)
+        printJson({{"packages", resultArray(std::move(results))}});
     return anyFailed ? statusFailed : statusOk;
 }
 
